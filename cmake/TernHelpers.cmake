@@ -1,0 +1,91 @@
+# Shared settings for every target of the project.
+
+# The Windows headers as the library wants them: Windows 7 API level on purpose (MinGW's default
+# differs between versions), lean, and without the min/max macros.
+add_library(tern_windows_flags INTERFACE)
+target_compile_definitions(tern_windows_flags INTERFACE
+  _WIN32_WINNT=0x0601 WINVER=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX)
+target_compile_options(tern_windows_flags INTERFACE
+  -Wall -Wextra -Wno-unknown-pragmas $<$<CONFIG:Release>:-O2>)
+
+# How every module of the project links the MinGW runtime. libstdc++ and winpthread are static, so
+# TernCoreLib.dll needs no MinGW DLL but one: in the i686 build libgcc stays shared
+# (libgcc_s_dw2-1.dll). There exceptions unwind by DWARF-2 tables, and a C++ exception only
+# crosses from one module into another when both use the same unwinder; with a static libgcc each
+# module has its own, and a _com_error thrown in the DLL terminates the application. x86_64 unwinds
+# through SEH, so libgcc is static there.
+function(tern_link_runtime target)
+  target_link_options(${target} PRIVATE -static-libstdc++ -L${TERN_STATIC_RUNTIME_DIR})
+  if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    target_link_options(${target} PRIVATE -shared-libgcc)
+  else()
+    target_link_options(${target} PRIVATE -static-libgcc)
+  endif()
+endfunction()
+
+# The compiler driver links winpthread as -lpthread at the very end, where the linker prefers the
+# DLL's import library. A folder searched first that holds only the static archive under both
+# names makes that link static. (--whole-archive would work too, but also drags in winpthread's
+# own VERSIONINFO, which collides with the DLL's.)
+set(TERN_STATIC_RUNTIME_DIR "${PROJECT_BINARY_DIR}/static-runtime")
+execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libwinpthread.a
+                OUTPUT_VARIABLE TERN_WINPTHREAD_A OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT EXISTS "${TERN_WINPTHREAD_A}")
+  message(FATAL_ERROR "libwinpthread.a not found for ${CMAKE_CXX_COMPILER}")
+endif()
+file(MAKE_DIRECTORY "${TERN_STATIC_RUNTIME_DIR}")
+configure_file("${TERN_WINPTHREAD_A}" "${TERN_STATIC_RUNTIME_DIR}/libpthread.a" COPYONLY)
+configure_file("${TERN_WINPTHREAD_A}" "${TERN_STATIC_RUNTIME_DIR}/libwinpthread.a" COPYONLY)
+
+# The MinGW DLLs that the i686 build's modules need at run time: libgcc_s_dw2-1.dll, and the
+# libwinpthread-1.dll that the posix compilers' libgcc DLL itself imports. Empty for x86_64.
+function(tern_runtime_dlls out)
+  set(dlls "")
+  if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    foreach(name libgcc_s_dw2-1.dll libwinpthread-1.dll)
+      execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${name}
+                      OUTPUT_VARIABLE dll OUTPUT_STRIP_TRAILING_WHITESPACE)
+      if(NOT IS_ABSOLUTE "${dll}" OR NOT EXISTS "${dll}")
+        file(GLOB dll "/usr/lib/gcc/i686-w64-mingw32/*-posix/${name}" "/usr/i686-w64-mingw32/lib/${name}")
+        list(GET dll 0 dll)
+      endif()
+      if(NOT EXISTS "${dll}")
+        message(FATAL_ERROR "${name} not found beside the i686 cross compiler")
+      endif()
+      list(APPEND dlls "${dll}")
+    endforeach()
+  endif()
+  set(${out} "${dlls}" PARENT_SCOPE)
+endfunction()
+
+# A subsystem folder's object library; the DLL target in lib/ combines them.
+function(tern_add_subsystem name)
+  add_library(${name} OBJECT ${ARGN})
+  target_link_libraries(${name} PUBLIC tern_windows_flags)
+  target_compile_definitions(${name} PRIVATE TERNCORELIB_BUILDING)
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
+endfunction()
+
+# GoogleTest built from Debian's sources with the cross compiler.
+macro(tern_setup_googletest)
+  set(TERN_GTEST_DIR "/usr/src/googletest" CACHE PATH "GoogleTest sources")
+  set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+  set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
+  set(gtest_disable_pthreads OFF CACHE BOOL "" FORCE)
+  add_subdirectory(${TERN_GTEST_DIR} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+  include(GoogleTest)
+endmacro()
+
+# A test program linked like an application of the library. Its tests are listed at test time,
+# under Wine, so that each runs in a process of its own.
+function(tern_add_test_program name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE TernCoreLib::TernCoreLib GTest::gtest GTest::gtest_main
+                                        tern_windows_flags)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  tern_link_runtime(${name})
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
+                       PROPERTIES TIMEOUT 120)
+endfunction()

@@ -1,0 +1,35 @@
+# cmake --install lays out the DLL, its import library, the headers and a package config, so that
+# find_package(TernCoreLib CONFIG REQUIRED) gives TernCoreLib::TernCoreLib.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(TERN_CONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/TernCoreLib)
+
+install(TARGETS TernCoreLib EXPORT TernCoreLibTargets
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+
+# Public headers keep their folders below include/TernCoreLib, beside the umbrella header.
+install(FILES include/TernCoreLib.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TernCoreLib)
+foreach(dir foundation buffer sync net xml)
+  if(EXISTS ${PROJECT_SOURCE_DIR}/${dir})
+    install(DIRECTORY ${dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TernCoreLib/${dir}
+            FILES_MATCHING PATTERN "*.h"
+            PATTERN "*_internal.h" EXCLUDE PATTERN "*_ring.h" EXCLUDE)
+  endif()
+endforeach()
+
+tern_runtime_dlls(TERN_RUNTIME_DLLS)
+if(TERN_RUNTIME_DLLS)
+  install(FILES ${TERN_RUNTIME_DLLS} DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+install(EXPORT TernCoreLibTargets NAMESPACE TernCoreLib:: DESTINATION ${TERN_CONFIG_DIR})
+configure_package_config_file(cmake/TernCoreLibConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/TernCoreLibConfig.cmake INSTALL_DESTINATION ${TERN_CONFIG_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/TernCoreLibConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/TernCoreLibConfig.cmake
+              ${PROJECT_BINARY_DIR}/TernCoreLibConfigVersion.cmake
+        DESTINATION ${TERN_CONFIG_DIR})

@@ -1,0 +1,3 @@
+#include "examples/tour/tour.h"
+
+bool TourFoundation() { return true; }

@@ -1,0 +1,3 @@
+#include "foundation/event.h"
+
+#include <gtest/gtest.h>

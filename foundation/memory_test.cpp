@@ -1,0 +1,3 @@
+#include "foundation/memory.h"
+
+#include <gtest/gtest.h>

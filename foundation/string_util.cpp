@@ -1,0 +1,1 @@
+#include "foundation/string_util.h"

@@ -1,0 +1,3 @@
+#include "foundation/string_util.h"
+
+#include <gtest/gtest.h>

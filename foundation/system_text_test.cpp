@@ -1,0 +1,3 @@
+#include "foundation/system_text.h"
+
+#include <gtest/gtest.h>

@@ -1,0 +1,3 @@
+#include "foundation/temp_string.h"
+
+#include <gtest/gtest.h>

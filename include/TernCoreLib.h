@@ -1,0 +1,12 @@
+#ifndef TERNCORELIB_H_
+#define TERNCORELIB_H_
+
+// The whole public interface of TernCoreLib.dll.
+
+#include "foundation/event.h"
+#include "foundation/memory.h"
+#include "foundation/string_util.h"
+#include "foundation/system_text.h"
+#include "foundation/temp_string.h"
+
+#endif  // TERNCORELIB_H_

@@ -1,0 +1,120 @@
+#!/usr/bin/env bash
+# Installs what the build needs on a Debian 12 machine, and nothing when it is all there already:
+# the MinGW-w64 -posix cross compilers, CMake, Ninja, the GoogleTest sources and Wine with its
+# 32- and 64-bit halves. `setup.sh bench` also fetches Google Benchmark's source package.
+set -euo pipefail
+
+want_bench=0
+[ "${1:-}" = bench ] && want_bench=1
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+third_party="$root/build/third_party"
+
+as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
+have() { command -v "$1" >/dev/null 2>&1; }
+installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
+
+updated=0
+apt_update() {
+  if [ "$updated" = 0 ]; then
+    echo "setup: apt-get update" >&2
+    # A stale index of one suite (seen with bookworm-security's i386 one) must not stop the
+    # install: apt keeps the lists it could fetch.
+    as_root apt-get update -qq >/dev/null 2>&1 || echo "setup: apt-get update reported errors; going on" >&2
+    updated=1
+  fi
+}
+
+export DEBIAN_FRONTEND=noninteractive
+
+pkgs=()
+have i686-w64-mingw32-g++-posix || pkgs+=(g++-mingw-w64-i686-posix)
+have x86_64-w64-mingw32-g++-posix || pkgs+=(g++-mingw-w64-x86-64-posix)
+have cmake || pkgs+=(cmake)
+have ninja || pkgs+=(ninja-build)
+[ -f /usr/src/googletest/CMakeLists.txt ] || pkgs+=(googletest)
+have dpkg-source || pkgs+=(dpkg-dev)
+if [ "${#pkgs[@]}" -gt 0 ]; then
+  apt_update
+  echo "setup: installing ${pkgs[*]}" >&2
+  as_root apt-get install -y -qq --no-install-recommends "${pkgs[@]}" >/dev/null
+fi
+
+# Wine: both halves, from bookworm and bookworm-updates only. The i386 index of the security suite
+# has at times lagged behind the amd64 one, which leaves wine32 uninstallable ("held broken
+# packages"); all four packages go in one call so apt never drops the 64-bit half for the 32-bit.
+if ! installed wine32:i386 || ! installed wine64 || ! have wine; then
+  if ! dpkg --print-foreign-architectures | grep -qx i386; then
+    as_root dpkg --add-architecture i386
+  fi
+  src_dir=$(mktemp -d)
+  cat >"$src_dir/bookworm.sources" <<'SRC'
+Types: deb
+URIs: http://deb.debian.org/debian
+Suites: bookworm bookworm-updates
+Components: main
+Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
+SRC
+  opts=(-o Dir::Etc::SourceList=/dev/null -o "Dir::Etc::SourceParts=$src_dir")
+  as_root apt-get "${opts[@]}" update -qq >/dev/null 2>&1 || true
+  echo "setup: installing wine (32- and 64-bit)" >&2
+  as_root apt-get "${opts[@]}" install -y -qq --no-install-recommends \
+    wine wine64 libwine:amd64 wine32:i386 libwine:i386 >/dev/null
+  rm -rf "$src_dir"
+fi
+
+# 32-bit programs. Some virtual machines of this kind run no 32-bit x86 code at all (the kernel
+# answers "Exec format error"), so 32-bit Wine cannot start there. On such a machine the i386 Wine
+# binaries run through QEMU's user-mode emulator, registered with binfmt_misc. Bookworm's QEMU 7.2
+# ignores Wine's MAP_FIXED_NOREPLACE reservations and takes about a minute to start each program;
+# the QEMU 10 of bookworm-backports starts one in a fraction of a second.
+if ! /usr/lib/wine/wine --version >/dev/null 2>&1; then
+  qemu=/usr/bin/qemu-i386
+  if ! "$qemu" --version 2>/dev/null | grep -qE 'version (9|[1-9][0-9])\.'; then
+    tmp=$(mktemp -d)
+    mkdir -p "$tmp/lists/partial"
+    cat >"$tmp/backports.sources" <<'SRC'
+Types: deb
+URIs: http://deb.debian.org/debian
+Suites: bookworm-backports
+Components: main
+Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
+SRC
+    opts=(-o Dir::Etc::SourceList=/dev/null -o "Dir::Etc::SourceParts=$tmp" -o "Dir::State::Lists=$tmp/lists")
+    as_root apt-get "${opts[@]}" update -qq >/dev/null 2>&1 || true
+    echo "setup: installing qemu-user (bookworm-backports) to run 32-bit Wine" >&2
+    as_root apt-get "${opts[@]}" install -y -qq --no-install-recommends qemu-user >/dev/null
+    rm -rf "$tmp"
+  fi
+  binfmt=/proc/sys/fs/binfmt_misc
+  [ -e "$binfmt/register" ] || as_root mount -t binfmt_misc binfmt_misc "$binfmt"
+  if [ ! -e "$binfmt/qemu-i386" ]; then
+    magic='\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x03\x00'
+    mask='\xff\xff\xff\xff\xff\xfe\xfe\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff'
+    echo ":qemu-i386:M::$magic:$mask:$qemu:F" | as_root tee "$binfmt/register" >/dev/null
+  fi
+  /usr/lib/wine/wine --version >/dev/null 2>&1 || { echo "setup: 32-bit Wine still cannot start" >&2; exit 1; }
+fi
+
+# Google Benchmark ships only as a Linux build; its source package builds under MinGW.
+if [ "$want_bench" = 1 ] && [ ! -f "$third_party/benchmark/CMakeLists.txt" ]; then
+  mkdir -p "$third_party"
+  tmp=$(mktemp -d)
+  cat >"$tmp/src.sources" <<'SRC'
+Types: deb-src
+URIs: http://deb.debian.org/debian
+Suites: bookworm
+Components: main
+Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
+SRC
+  mkdir -p "$tmp/lists/partial"
+  opts=(-o Dir::Etc::SourceList=/dev/null -o "Dir::Etc::SourceParts=$tmp" -o "Dir::State::Lists=$tmp/lists"
+        -o APT::Sandbox::User=root)
+  as_root apt-get "${opts[@]}" update -qq >/dev/null 2>&1 || true
+  (cd "$tmp" && apt-get "${opts[@]}" source --download-only -qq benchmark >/dev/null)
+  archive=$(ls "$tmp"/benchmark_*.orig.tar.gz | head -n 1)
+  rm -rf "$third_party/benchmark"
+  mkdir -p "$third_party/benchmark"
+  tar -xzf "$archive" -C "$third_party/benchmark" --strip-components=1
+  rm -rf "$tmp"
+fi
