@@ -8,5 +8,8 @@
 #include "foundation/string_util.h"
 #include "foundation/system_text.h"
 #include "foundation/temp_string.h"
+#include "sync/bit_mask.h"
+#include "sync/lock.h"
+#include "sync/sync_table.h"
 
 #endif  // TERNCORELIB_H_
