@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <new>
 
+#include "sync/lock_internal.h"
+
 namespace KVT {
 namespace {
 
@@ -93,5 +95,14 @@ void CLock::Unlock() {
 }
 
 bool CLock::HaveLock() const { return ReadOwner(owner) == ::GetCurrentThreadId(); }
+
+namespace internal {
+
+long LockShareCount(const CLock& lock) {
+  if (lock.section == nullptr) return 0;
+  return ::InterlockedCompareExchange(&BlockOf(lock.section)->users, 0, 0);
+}
+
+}  // namespace internal
 
 }  // namespace KVT
