@@ -114,8 +114,8 @@ TEST(CClientSocket, OnReceiveFalseEndsTheLoopWithNoErrorEvenAfterAFailedSend) {
 TEST(CClientSocket, NotASocketEndsWithWSAENOTSOCK) {
   RecordingReceiver receiver;
   KVT::ScopedHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  CClientSocket socket(&receiver, static_cast<unsigned int>(reinterpret_cast<uintptr_t>(event.Get())),
-                       0);
+  const auto not_a_socket = static_cast<unsigned int>(reinterpret_cast<uintptr_t>(event.Get()));
+  CClientSocket socket(&receiver, not_a_socket, 0);
   ASSERT_NE(socket.Receive(0), nullptr);
   EXPECT_EQ(ExitCodeAfterWait(socket.GetThread()), 1);
   EXPECT_EQ(socket.GetLastError(), static_cast<unsigned long>(WSAENOTSOCK));
