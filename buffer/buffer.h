@@ -41,7 +41,7 @@ namespace KVT {
 // text stay good; if no other copy held that text, it stays allocated for good. Assign over a
 // buffer that holds no block (or that shares one) when that matters.
 //
-// The fields are public, as every member is; there are no accessors.
+// The fields are public, as every member but two private helpers is; there are no accessors.
 // Code outside the class reads them freely but must not write them: `data`, `capacity` and the
 // holder count kept in front of the block belong together.
 //
@@ -120,6 +120,43 @@ class CBuffer {
   // malloc gives null. The buffer never adopts it.
   static void* Malloc(unsigned int size);
 
+  // Lines. Each operation leaves every line end in the block as a zero character and the line
+  // table (`lines`) with a pointer to the first character of each line. The pointers own nothing
+  // and are good while the block does not move.
+
+  // Cuts the text at every LF (10), overwriting each with 0; text behind the last LF becomes a
+  // line, a text that ends with LF gets no empty last line. CR stays in its line. Gives true if
+  // there is at least one line. A buffer with an empty text, no block, or a first character 0
+  // gives false and keeps the line table as it was.
+  bool ToLines();
+  // Cuts the text at every `delimiter` as ToLines cuts at LF. Only a buffer without a block gives
+  // false with the line table kept; a text that starts with 0 is cut like any other, and an
+  // empty text empties the table and gives false.
+  bool Split(T delimiter);
+
+  // Replaces the text by the lines of `stream`, read with fgetc (fgetwc in the wide form) from
+  // its current position to the end in whatever mode the caller opened it. Each LF or zero
+  // character ends a line and is stored as 0; CR is dropped wherever it stands; the text behind
+  // the last line end becomes a line too. Gives the number of lines. Empties the result table
+  // (count 0). The block is first grown to hold the whole file, so that reading allocates
+  // nothing unless the file grows meanwhile; if it does, the block grows as it reads, and the
+  // line table is moved along with it. A read error ends the input: the lines read so far stay.
+  // A null stream empties the buffer and gives 0. The stream stays open.
+  int Load(FILE* stream);
+  // Grows the block to hold the whole file of `stream` (`sizeof(T)` bytes per byte of the file)
+  // and gives the bytes needed, even when the block is already larger; changes nothing else. 0
+  // for a null stream, a stream whose file length can't be had, and a file whose size in bytes
+  // (times sizeof(T)) does not fit an int.
+  int ReAllocForFile(FILE* stream);
+  // With `stream` not null: reads the next line of it as Load does, appends it behind the text
+  // already in the buffer and to the line table, and gives it; `index` is not read. At the end of
+  // input (or a read error) it closes the stream, sets `stream` to null and gives null. A last
+  // line without a line end is not delivered: its characters stay in the text and in `length`
+  // but get no line entry. Reading may grow the block: the line table then moves along, but
+  // lines given out before are stale; ReAllocForFile first prevents that.
+  // With `stream` null: line `index` of the table, or null for an index outside it.
+  T* GetNext(FILE*& stream, int index);
+
   // Search and results: see buffer_search.cpp
   // (A search makes `results` with new XArray<std::uint64_t>(kResultGrowStep) when it is null;
   // Reset, Load, Free, assignment and destruction above take care of it from then on.)
@@ -129,6 +166,13 @@ class CBuffer {
   T* data;                          // The text, owned; null until the first growth.
   int length;                       // Characters of text, the terminator not counted.
   XArray<T*> lines;                 // Line starts inside `data`, not owned.
+
+ private:
+  // Writes a zero at `end`, appends `start` to the line table and gives `end` + 1.
+  T* AddLine(T* start, T* end);
+  // Appends one character read from a stream, growing the block as Add does and moving the line
+  // table along if the block moves. False if the block cannot grow.
+  bool AppendRead(T ch);
 };
 
 extern template class TERN_API CBuffer<char>;
