@@ -3,10 +3,12 @@
 
 // The whole public interface of TernCoreLib.dll.
 
+#include "foundation/base64.h"
 #include "foundation/event.h"
 #include "foundation/memory.h"
 #include "foundation/string_util.h"
 #include "foundation/system_text.h"
 #include "foundation/temp_string.h"
+#include "foundation/url_unescape.h"
 
 #endif  // TERNCORELIB_H_
