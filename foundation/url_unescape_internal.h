@@ -5,11 +5,10 @@
 // library; tests give it stand-ins that ask for a bigger buffer, which the real call never does.
 
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
 #include "foundation/string_util.h"
 #include "foundation/temp_string.h"
+#include "foundation/wide_string.h"
 #include "foundation/win.h"
 
 namespace KVT {
@@ -19,11 +18,9 @@ template <typename Unescape>
 wchar_t const* UrlUnescapeWith(wchar_t const* url, Unescape unescape) {
   const std::uint32_t length = StrLength(url);
   if (length == 0) return nullptr;
-  // The call's first argument isn't const: it gets a copy of its own.
-  const std::size_t bytes = (std::size_t{length} + 1) * sizeof(wchar_t);
-  auto* copy = static_cast<wchar_t*>(std::malloc(bytes));
-  if (copy == nullptr) return nullptr;
-  std::memcpy(copy, url, bytes);
+  // The call's first argument isn't const: it gets a copy of its own. Should the copy have no
+  // block, the call refuses the null argument and the result stays empty.
+  String copy(url);
 
   wchar_t* result = nullptr;
   DWORD size = length + 1;
@@ -37,7 +34,6 @@ wchar_t const* UrlUnescapeWith(wchar_t const* url, Unescape unescape) {
     result = KVTGetTmpString(bigger, size) ? bigger : nullptr;
     if (result != nullptr) unescape(copy, result, &size, 0);
   }
-  std::free(copy);
   return result;
 }
 

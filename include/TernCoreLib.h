@@ -10,5 +10,6 @@
 #include "foundation/system_text.h"
 #include "foundation/temp_string.h"
 #include "foundation/url_unescape.h"
+#include "foundation/wide_string.h"
 
 #endif  // TERNCORELIB_H_
