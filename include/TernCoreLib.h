@@ -3,6 +3,7 @@
 
 // The whole public interface of TernCoreLib.dll.
 
+#include "buffer/buffer.h"
 #include "foundation/base64.h"
 #include "foundation/event.h"
 #include "foundation/memory.h"
@@ -11,5 +12,6 @@
 #include "foundation/temp_string.h"
 #include "foundation/url_unescape.h"
 #include "foundation/wide_string.h"
+#include "foundation/x_array.h"
 
 #endif  // TERNCORELIB_H_
