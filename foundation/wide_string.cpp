@@ -291,6 +291,22 @@ std::uint32_t String::Replace(const wchar_t* find, const wchar_t* replacement) {
   return GetLength();
 }
 
+int String::ToTokens(wchar_t separator, XArray<wchar_t*>& tokens) {
+  tokens.Reset();
+  if (data == nullptr) return 0;
+  wchar_t* token = data;
+  for (wchar_t* p = data;; ++p) {
+    const wchar_t c = *p;
+    if (c != separator && c != L'\0') continue;
+    *p = L'\0';
+    tokens.Add(token, true);
+    *p = c;
+    if (c == L'\0') break;
+    token = p + 1;
+  }
+  return tokens.count;
+}
+
 bool GetEnvironmentVar(wchar_t const* name, String& value) {
   if (!IsGood(name)) return false;
   constexpr DWORD kFirstGuess = 1024;

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "foundation/export.h"
+#include "foundation/x_array.h"
 
 namespace KVT {
 
@@ -138,6 +139,13 @@ class TERN_API String {
   // LENGTH (not a count). Null or empty `find`, or no occurrence, leaves the text alone. The
   // text is assigned back, so the block grows by Assign's rule.
   std::uint32_t Replace(const wchar_t* find, const wchar_t* replacement);
+
+  // Cuts the text at each `separator` into `tokens`, which is emptied first (Reset) and gets a
+  // copy of each token that it owns, so the tokens outlive this object. Returns the array's
+  // count. n separators give n + 1 tokens; empty tokens count, and empty text gives one empty
+  // token. Null `data` gives 0 and an empty array. The text is cut in place while each token is
+  // copied and restored before the call returns.
+  int ToTokens(wchar_t separator, XArray<wchar_t*>& tokens);
 
   // The fields are part of the library's interface, in this order. Change them through the
   // members only.

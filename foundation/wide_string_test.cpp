@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "foundation/win.h"
 
@@ -251,6 +252,32 @@ TEST(StringChange, ReplaceAndMakeLower) {
   String mixed(L"AbC\u00C4\u0130z");
   mixed.MakeLower();
   EXPECT_STREQ(L"abc\u00C4\u0130z", mixed.data);
+}
+
+TEST(StringTokens, EveryCharacterBetweenSeparatorsIsAToken) {
+  const struct { const wchar_t* text; std::vector<std::wstring> tokens; } kCases[] = {
+      {L"a,,b", {L"a", L"", L"b"}}, {L"a,", {L"a", L""}}, {L"", {L""}},
+      {L",", {L"", L""}},           {L"abc", {L"abc"}},
+  };
+  XArray<wchar_t*> tokens(4);
+  tokens.Add(const_cast<wchar_t*>(L"old"), false);  // Reset away by the call.
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(row.text);
+    String s(row.text);
+    ASSERT_EQ(static_cast<int>(row.tokens.size()), s.ToTokens(L',', tokens));
+    ASSERT_EQ(static_cast<int>(row.tokens.size()), tokens.count);
+    for (int i = 0; i < tokens.count; ++i) EXPECT_EQ(row.tokens[i], tokens[i]);
+    EXPECT_STREQ(row.text, s.data);  // Restored.
+  }
+  {
+    String gone(L"kept,after");
+    gone.ToTokens(L',', tokens);
+  }
+  EXPECT_STREQ(L"after", tokens[1]);  // The array's own copies outlive the String.
+  String none;
+  DropBlock(none);
+  EXPECT_EQ(0, none.ToTokens(L',', tokens));
+  EXPECT_EQ(0, tokens.count);
 }
 
 std::wstring RandomText(std::mt19937& rng, std::size_t max_length) {
