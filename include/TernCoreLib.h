@@ -13,5 +13,8 @@
 #include "foundation/url_unescape.h"
 #include "foundation/wide_string.h"
 #include "foundation/x_array.h"
+#include "sync/bit_mask.h"
+#include "sync/lock.h"
+#include "sync/sync_table.h"
 
 #endif  // TERNCORELIB_H_
