@@ -4,11 +4,14 @@
 // The whole public interface of TernCoreLib.dll.
 
 #include "buffer/buffer.h"
+#include "foundation/base64.h"
 #include "foundation/event.h"
 #include "foundation/memory.h"
 #include "foundation/string_util.h"
 #include "foundation/system_text.h"
 #include "foundation/temp_string.h"
+#include "foundation/url_unescape.h"
+#include "foundation/wide_string.h"
 #include "foundation/x_array.h"
 #include "net/client_socket.h"
 #include "net/server_socket.h"

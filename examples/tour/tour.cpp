@@ -9,6 +9,7 @@ int main() {
   std::printf("TernCoreLib tour\n");
   bool ok = true;
   ok &= TourFoundation();
+  ok &= TourText();
   ok &= TourSync();
   ok &= TourNet();
   std::printf("\n%s\n", ok ? "The tour is over." : "The tour saw something go wrong.");

@@ -6,6 +6,7 @@
 bool TourFoundation();
 bool TourSync();
 bool TourNet();
+bool TourText();
 
 // Prints a section heading.
 void TourHeading(const char* title);
