@@ -10,6 +10,7 @@ int main() {
   bool ok = true;
   ok &= TourFoundation();
   ok &= TourSync();
+  ok &= TourXml();
   std::printf("\n%s\n", ok ? "The tour is over." : "The tour saw something go wrong.");
   return ok ? 0 : 1;
 }

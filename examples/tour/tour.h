@@ -5,6 +5,7 @@
 // library did not behave as the section expects, so that the tour fails as a test.
 bool TourFoundation();
 bool TourSync();
+bool TourXml();
 
 // Prints a section heading.
 void TourHeading(const char* title);
