@@ -60,20 +60,15 @@ TEST(XmlDomTest, InterfaceIdsMatchThePublishedOnes) {
 }
 
 TEST(XmlDomTest, CreationReportsByItsResult) {
-  struct Case {
-    const wchar_t* progId;
-    bool created;
-  } cases[] = {{dom::kProgId40, true},
-               {dom::kProgId60, true},
-               {L"Msxml2.DOMDocument.99.0", false},
-               {nullptr, false}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(xml_test::Text(c.progId));
-    dom::DocumentPtr document(nullptr);
+  for (const wchar_t* progId : {dom::kProgId40, dom::kProgId60, L"Msxml2.DOMDocument.99.0",
+                                 static_cast<const wchar_t*>(nullptr)}) {
+    SCOPED_TRACE(xml_test::Text(progId));
+    const bool exists = progId == dom::kProgId40 || progId == dom::kProgId60;
+    dom::DocumentPtr document;
     HRESULT hr = S_OK;
-    EXPECT_EQ(S_OK, RaisedBy([&] { hr = dom::CreateXmlDocument(c.progId, document); }));
-    EXPECT_EQ(c.created, hr == S_OK) << std::hex << hr;
-    EXPECT_EQ(c.created, document != nullptr);
+    EXPECT_EQ(S_OK, RaisedBy([&] { hr = dom::CreateXmlDocument(progId, document); }));
+    EXPECT_EQ(exists, hr == S_OK) << std::hex << hr;
+    EXPECT_EQ(exists, document != nullptr);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <psapi.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <string>
 
@@ -17,12 +18,12 @@ using KVT::CXml;
 using KVT::CXMLAttribute;
 using KVT::CXMLTag;
 
-// Process measures for the soak test. GetProcessHandleCount reads 0 under Wine, so there the
-// heap and the committed private bytes carry the test.
+// Handles, private (committed) bytes and the bytes in use on all heaps. GetProcessHandleCount
+// reads 0 under Wine, so there the two others carry the test.
 struct Usage {
   DWORD handles = 0;
-  SIZE_T privateBytes = 0;
-  SIZE_T heapBytes = 0;
+  std::size_t privateBytes = 0;
+  std::size_t heapBytes = 0;
 };
 
 Usage MeasureUsage() {
@@ -91,14 +92,12 @@ TEST(XmlSoakTest, LoadWalkResetDoesNotGrow) {
   const auto start = std::chrono::steady_clock::now();
   constexpr int kCycles = 10000;
   for (int i = 0; i < kCycles; ++i) ASSERT_EQ(nodes, cycle()) << i;
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
   const Usage after = MeasureUsage();
   std::printf("%d cycles of %d nodes in %.1f s; handles %lu -> %lu, private bytes %zu -> %zu, "
-              "heap bytes %zu -> %zu\n",
-              kCycles, nodes, seconds, before.handles, after.handles,
-              static_cast<size_t>(before.privateBytes), static_cast<size_t>(after.privateBytes),
-              static_cast<size_t>(before.heapBytes), static_cast<size_t>(after.heapBytes));
+              "heap bytes %zu -> %zu\n", kCycles, nodes, seconds.count(), before.handles,
+              after.handles, before.privateBytes, after.privateBytes, before.heapBytes,
+              after.heapBytes);
   EXPECT_LE(after.handles, before.handles + 8);
   // One leaked tag or node per cycle would be far above these (10,000 times 100 bytes or more).
   EXPECT_LE(after.heapBytes, before.heapBytes + 256 * 1024);

@@ -44,21 +44,10 @@ void CheckOperators(const Name& a, const Name& b) {
   EXPECT_EQ(order >= 0, left >= right);
 }
 
-TEST(XmlTokenTest, ComparisonTable) {
+// Random names over an alphabet of upper and lower case and high code units, with names without
+// a block and names whose block holds an empty text among them.
+TEST(XmlTokenTest, ComparisonAgainstStdWstring) {
   EXPECT_EQ(nullptr, CXMLToken(L"").GetBuffer()) << "an empty name has no block";
-  EXPECT_EQ(nullptr, CXMLToken(nullptr).GetBuffer());
-  const std::vector<Name> names = {std::nullopt, std::wstring(), L"a", L"B", L"ab", L"b",
-                                   L"\x00e9", L"\x8000", L"\xffff", L"A\x8000"};
-  for (const Name& a : names) {
-    for (const Name& b : names) {
-      SCOPED_TRACE(xml_test::Text(a ? a->c_str() : nullptr) + L" vs " +
-                   xml_test::Text(b ? b->c_str() : nullptr));
-      CheckOperators(a, b);
-    }
-  }
-}
-
-TEST(XmlTokenTest, ComparisonOfRandomNames) {
   std::mt19937 random(20240611);
   const wchar_t alphabet[] = {L'a', L'b', L'A', L'\x7fff', L'\x8000', L'\xfffe'};
   auto name = [&] {
@@ -66,19 +55,7 @@ TEST(XmlTokenTest, ComparisonOfRandomNames) {
     for (wchar_t& unit : text) unit = alphabet[random() % 6];
     return text.empty() && random() % 2 ? Name() : Name(text);
   };
-  for (int round = 0; round < 2000; ++round) CheckOperators(name(), name());
-}
-
-TEST(XmlTokenTest, CopiesShareTheNameAndReleaseItOnce) {
-  CXMLToken original(L"server");
-  {
-    CXMLToken copy(original);
-    CXMLToken assigned(L"other");
-    assigned = copy;
-    assigned = assigned;
-    EXPECT_EQ(original.GetBuffer(), assigned.GetBuffer());
-  }
-  EXPECT_STREQ(L"server", original.GetBuffer());
+  for (int round = 0; round < 3000; ++round) CheckOperators(name(), name());
 }
 
 TEST(XmlAttributeTest, AKeyNeverAsksTheDom) {
@@ -87,10 +64,10 @@ TEST(XmlAttributeTest, AKeyNeverAsksTheDom) {
   EXPECT_EQ(nullptr, key.GetValue());
   EXPECT_EQ(0, key.ToInt());
   EXPECT_EQ(0, key.ToLong());
-  CXMLAttribute copy(key);
+  CXMLAttribute copy(L"other");
   copy = key;
-  EXPECT_STREQ(L"port", copy.GetBuffer());
-  EXPECT_EQ(&copy, static_cast<CXMLAttribute*>(copy));
+  copy = copy;
+  EXPECT_EQ(key.GetBuffer(), copy.GetBuffer()) << "copies share the name";
 }
 
 // Values as the DOM gives them, read as text and as numbers the way _wtoi reads them.
