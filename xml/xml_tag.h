@@ -56,7 +56,9 @@ class TERN_API CXMLTag : public CXMLToken {
 
   // The attribute of exactly this name (case counts), from the cache or else fetched from the
   // DOM and cached; null when the node has no such attribute or no attribute map (text,
-  // comments). A name not in the cache raises E_POINTER on a tag without a node.
+  // comments). A name not in the cache raises E_POINTER on a tag without a node. A null or empty
+  // name is never in the cache and goes to the DOM as it is, which may refuse it (Wine refuses a
+  // null name with E_INVALIDARG).
   CXMLAttribute* GetAttribute(const wchar_t* name);
   // The first child whose DOM name equals `name` without regard to case, of any node type
   // ("#text", "#comment" and the like included); the new tag bears `name` as spelled here. Null
