@@ -22,5 +22,8 @@
 #include "sync/bit_mask.h"
 #include "sync/lock.h"
 #include "sync/sync_table.h"
+#include "xml/xml.h"
+#include "xml/xml_tag.h"
+#include "xml/xml_token.h"
 
 #endif  // TERNCORELIB_H_

@@ -11,6 +11,7 @@ int main() {
   ok &= TourFoundation();
   ok &= TourText();
   ok &= TourSync();
+  ok &= TourXml();
   ok &= TourNet();
   std::printf("\n%s\n", ok ? "The tour is over." : "The tour saw something go wrong.");
   return ok ? 0 : 1;

@@ -7,6 +7,7 @@ bool TourFoundation();
 bool TourSync();
 bool TourNet();
 bool TourText();
+bool TourXml();
 
 // Prints a section heading.
 void TourHeading(const char* title);

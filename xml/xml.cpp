@@ -1,0 +1,168 @@
+#include "xml/xml.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "foundation/string_util.h"
+#include "foundation/temp_string.h"
+#include "xml/xml_dom.h"
+
+namespace KVT {
+namespace {
+
+// The root tag lives in a block of its own with a count of the CXml objects that hold it in
+// front, so that copies of a CXml can share one tree and the last of them destroys it.
+using Holders = std::atomic<long>;
+constexpr std::size_t kRootHeader = alignof(std::max_align_t) > sizeof(Holders)
+                                        ? alignof(std::max_align_t)
+                                        : sizeof(Holders);
+
+Holders& RootHolders(CXMLTag* root) {
+  return *reinterpret_cast<Holders*>(reinterpret_cast<char*>(root) - kRootHeader);
+}
+
+CXMLTag* NewRoot(const xml_dom::NodePtr& node, const wchar_t* name) {
+  void* block = ::operator new(kRootHeader + sizeof(CXMLTag));
+  new (block) Holders(1);
+  try {
+    return new (static_cast<char*>(block) + kRootHeader) CXMLTag(node, name);
+  } catch (...) {
+    ::operator delete(block);
+    throw;
+  }
+}
+
+void HoldRoot(CXMLTag* root) {
+  if (root != nullptr) RootHolders(root).fetch_add(1);
+}
+
+// Lets go of `root`; the last holder releases its node, then destroys it with its attributes and
+// children.
+void DropRoot(CXMLTag* root) {
+  if (root == nullptr || RootHolders(root).fetch_sub(1) != 1) return;
+  if (root->domNode != nullptr) root->Release();
+  void* block = reinterpret_cast<char*>(root) - kRootHeader;
+  root->~CXMLTag();
+  ::operator delete(block);
+}
+
+// The names of a path, up to the first null.
+std::vector<const wchar_t*> PathNames(const wchar_t* first, va_list rest) {
+  std::vector<const wchar_t*> names;
+  for (const wchar_t* name = first; name != nullptr; name = va_arg(rest, const wchar_t*)) {
+    names.push_back(name);
+  }
+  return names;
+}
+
+}  // namespace
+
+CXml::CXml() : version6(false), root(nullptr) {
+  if (xml_dom::CreateXmlDocument(xml_dom::kProgId40, document) == S_OK) return;
+  version6 = true;
+  xml_dom::CreateXmlDocument(xml_dom::kProgId60, document);
+}
+
+CXml::CXml(const wchar_t* text) : version6(false), root(nullptr) {
+  if (xml_dom::CreateXmlDocument(xml_dom::kProgId40, document) != S_OK) {
+    version6 = true;
+    if (xml_dom::CreateXmlDocument(xml_dom::kProgId60, document) == S_OK) {
+      xml_dom::SetProperty(document, L"ProhibitDTD", false);
+      xml_dom::SetProperty(document, L"ResolveExternals", true);
+    }
+  }
+  LoadXML(text);
+}
+
+CXml::CXml(const CXml& other)
+    : version6(other.version6), document(other.document), root(other.root) {
+  HoldRoot(root);
+}
+
+// A field-by-field copy would leave the former tree without a holder; here it is let
+// go of, and destroyed if this object was its last holder.
+CXml& CXml::operator=(const CXml& other) {
+  if (this == &other) return *this;
+  HoldRoot(other.root);
+  DropRoot(root);
+  version6 = other.version6;
+  document = other.document;
+  root = other.root;
+  return *this;
+}
+
+CXml::~CXml() {
+  Reset();
+  document.Reset();
+}
+
+bool CXml::LoadXML(const wchar_t* text) {
+  if (text == nullptr) return false;
+  Reset();
+  if (!xml_dom::LoadText(document, text)) return false;
+  xml_dom::NodePtr element = xml_dom::DocumentElement(document);
+  if (element == nullptr) return false;
+  const _bstr_t name = xml_dom::NodeName(element);
+  root = NewRoot(element, name);
+  return true;
+}
+
+void CXml::Reset() {
+  CXMLTag* old = root;
+  root = nullptr;
+  DropRoot(old);
+}
+
+CXMLTag* CXml::GetRoot() { return root; }
+
+const wchar_t* CXml::GetXMLTextValue(CInterfacePtr<IXMLDOMNode> node) {
+  if (node == nullptr) RaiseComError(E_POINTER);
+  _variant_t value;
+  xml_dom::TypedValue(node, value);
+  if (V_VT(&value) != VT_BSTR) return nullptr;
+  // Where the text lives: the variant is cleared on return, and the caller frees nothing, so the
+  // text is copied into a slot of the wide temporary-string ring, which every thread may use and
+  // which needs no release. A null BSTR is COM's empty text.
+  const BSTR text = V_BSTR(&value);
+  const UINT length = text != nullptr ? ::SysStringLen(text) : 0;
+  wchar_t* slot = nullptr;
+  if (length >= kMaxTempStringChars || KVTGetTmpString(slot, length + 1) == 0) {
+    RaiseComError(E_OUTOFMEMORY);
+  }
+  if (length > 0) std::memcpy(slot, text, length * sizeof(wchar_t));
+  slot[length] = 0;
+  return slot;
+}
+
+CXMLTag* CXml::FindTagV(const wchar_t* first, ...) {
+  if (root == nullptr || first == nullptr) return nullptr;
+  if (!StrEqual(first, root->GetBuffer(), false)) return root;
+  va_list rest;
+  va_start(rest, first);
+  const std::vector<const wchar_t*> names = PathNames(first, rest);
+  va_end(rest);
+  CXMLTag* tag = root;
+  for (std::size_t i = 1; i < names.size() && tag != nullptr; ++i) tag = tag->GetTag(names[i]);
+  return tag;
+}
+
+CXMLAttribute* CXml::FindAttributeV(const wchar_t* first, ...) {
+  if (root == nullptr || first == nullptr) return nullptr;
+  if (!StrEqual(first, root->GetBuffer(), false)) return nullptr;
+  va_list rest;
+  va_start(rest, first);
+  const std::vector<const wchar_t*> names = PathNames(first, rest);
+  va_end(rest);
+  if (names.size() < 2) return nullptr;
+  CXMLTag* tag = root;
+  for (std::size_t i = 1; i + 1 < names.size(); ++i) {
+    tag = tag->GetTag(names[i]);
+    if (tag == nullptr) return nullptr;
+  }
+  return tag->GetAttribute(names.back());
+}
+
+}  // namespace KVT
