@@ -2,10 +2,10 @@
 // walking the children of a section.
 #include "examples/tour/tour.h"
 
-#include <comdef.h>
-
 #include <cstdio>
 
+// Brings <comdef.h> (_com_error) with the XML classes, after a lean <windows.h>: a <comdef.h>
+// of our own first would pull in the old <winsock.h> ahead of the socket classes' <winsock2.h>.
 #include "TernCoreLib.h"
 
 namespace {
