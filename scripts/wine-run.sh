@@ -16,19 +16,21 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
   flock -u 9
 fi
 
-# The Wine server and the system processes that the first program starts (services.exe,
-# winedevice.exe, explorer.exe) inherit that program's standard error and outlive it. A test
-# runner that reads a test's output until the pipe closes would then wait for the test that
-# happened to start them until the server ends, which under a busy test run can be minutes. So
-# when no server runs for this prefix, they are started here first, detached from our output.
-server_running() {
-  local pid
-  for pid in $(pgrep -u "$(id -u)" '^wineserver' 2>/dev/null); do
-    tr '\0' '\n' <"/proc/$pid/environ" 2>/dev/null | grep -qxF "WINEPREFIX=$WINEPREFIX" && return 0
-  done
-  return 1
-}
-if ! server_running; then
-  wine cmd /c exit </dev/null >/dev/null 2>&1 || true
+# The Wine server and the system processes that Wine starts on demand (services.exe,
+# winedevice.exe, and explorer.exe, which also ends when no program has used the desktop for a
+# moment and comes back with the next one) inherit the standard output and error of the program
+# that happened to start them, and outlive it. A test runner reads a test's output until the
+# pipe closes, so that test would seem to hang for as long as they live: minutes. When the output
+# is not a terminal, the program writes to files here instead, and this script passes them on
+# once it has ended; nothing Wine leaves running holds the caller's pipe.
+if [ -t 1 ] && [ -t 2 ]; then
+  exec wine "$@"
 fi
-exec wine "$@"
+out=$(mktemp)
+err=$(mktemp)
+trap 'rm -f "$out" "$err"' EXIT
+status=0
+wine "$@" >"$out" 2>"$err" || status=$?
+cat "$out"
+cat "$err" >&2
+exit "$status"
