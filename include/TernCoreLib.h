@@ -3,6 +3,7 @@
 
 // The whole public interface of TernCoreLib.dll.
 
+#include "buffer/search_query.h"
 #include "foundation/event.h"
 #include "foundation/memory.h"
 #include "foundation/string_util.h"
