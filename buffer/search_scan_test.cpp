@@ -26,11 +26,12 @@ struct ScanOutcome {
 template <typename T>
 ScanOutcome<T> Scan(const std::basic_string<T>& text, const CSearchQuery<T>& query,
                     unsigned long flags, T delimiter, bool (*stop)(void*) = nullptr,
-                    void* stop_arg = nullptr) {
+                    void* stop_arg = nullptr,
+                    const KVT::search_internal::ScanTuning& tuning = {}) {
   ScanOutcome<T> out;
   auto sink = [&out](std::uint64_t result) { out.results.push_back(result); };
   out.found = ScanText(text.data(), static_cast<int>(text.size()), query, flags, stop, stop_arg,
-                       delimiter, sink);
+                       delimiter, sink, tuning);
   return out;
 }
 
@@ -42,6 +43,9 @@ CSearchQuery<T> Query(const T* term, bool caseless = false) {
 }
 
 bool NeverStop(void*) { return false; }
+
+// Routes with set-up costs taken at any text length.
+constexpr KVT::search_internal::ScanTuning kEager{0};
 
 struct PollCounter {
   int polls = 0;
@@ -165,6 +169,16 @@ TEST(SearchScanTest, UnsoundTableIsFollowedExactly) {
   EXPECT_EQ(1u, search_test::NaiveSearch(text, std::string("abc"), 0, '\n').size());
   EXPECT_EQ(Results{}, Scan(text, query, 0, '\n').results);
   EXPECT_EQ(Results{}, Scan(text, query, 0, '\n', &NeverStop).results);
+
+  CSearchQuery<char> caseless = Query("abc", true);
+  caseless.shiftTable['a'] = 3;
+  caseless.shiftTable['A'] = 3;
+  const std::string mixed = "xXaBc";
+  EXPECT_EQ(Results{}, search_test::LiteralScan(mixed, caseless, 1, '\n'));
+  EXPECT_EQ(Results{}, Scan(mixed, caseless, 1, '\n').results);
+  EXPECT_EQ(Results{}, Scan(mixed, caseless, 1, '\n', nullptr, nullptr, kEager).results);
+  EXPECT_EQ((Results{Result(1, 0)}), Scan(mixed, Query("abc", true), 1, '\n', nullptr, nullptr,
+                                          kEager).results);
 }
 
 // Line counts across long stretches: the vector counters sum their lanes every 255 (narrow) and
@@ -195,7 +209,8 @@ TEST(SearchScanTest, LongTermWithCappedShifts) {
 }
 
 // The scan against the plain reference for random texts and terms, every flag combination, both
-// line delimiters, with and without a stop callback (which takes the step-by-step route).
+// line delimiters, with and without a stop callback (which takes the step-by-step route), and with
+// every route allowed at any text length.
 template <typename T>
 void CompareWithReference(std::uint32_t seed, int texts) {
   std::mt19937 rng(seed);
@@ -216,6 +231,8 @@ void CompareWithReference(std::uint32_t seed, int texts) {
         ASSERT_EQ(expected.size(), fast.found);
         const auto polled = Scan(text, query, flags, delimiter, &NeverStop);
         ASSERT_EQ(expected, polled.results);
+        const auto eager = Scan(text, query, flags, delimiter, nullptr, nullptr, kEager);
+        ASSERT_EQ(expected, eager.results);
         ++cases;
         occurrences += expected.size();
       }
