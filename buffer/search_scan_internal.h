@@ -8,23 +8,27 @@
 // That scan runs literally when a stop callback is given, since the callback is polled once per
 // alignment and so sees every one of them. Without a callback the same results come from faster
 // routes, and the differential tests hold them to the literal scan.
+//
+// The vector code is in search_vector_internal.inc, compiled for SSE2 (used unconditionally, the
+// i686 build included, without changing the flags of the files that include this header) and
+// for AVX2 (used when the processor and the system support it). Files that include this header
+// are assembled with -muse-unaligned-vector-move (see buffer/CMakeLists.txt): GCC cannot align
+// the x86_64 Windows stack to 32 bytes, so any AVX2 spill must not need it.
 
+#if !defined(__i386__) && !defined(__x86_64__)
+#error "The search scan is written for x86 processors (SSE2)."
+#endif
+
+#include <cpuid.h>
+#include <immintrin.h>
+
+#include <atomic>
 #include <cctype>
 #include <cstdint>
 #include <cstring>
 #include <cwctype>
 #include <string.h>
 #include <wchar.h>
-
-#if defined(__i386__) || defined(__x86_64__)
-#include <emmintrin.h>
-#define TERN_SEARCH_SSE2 1
-// SSE2 is used unconditionally, in the i686 build as well, without changing the flags of the
-// files that include this header.
-#define TERN_SEARCH_SSE2_FN __attribute__((target("sse2")))
-#else
-#define TERN_SEARCH_SSE2_FN
-#endif
 
 #include "buffer/search_query.h"
 
@@ -82,22 +86,30 @@ inline unsigned BaseOf(char ch) {
 }
 inline unsigned BaseOf(wchar_t ch) { return static_cast<unsigned>(ch); }
 
-// --- Counting lines. ---
+// With whole words only: the characters on both sides of an occurrence must be word delimiters;
+// the start and the end of the text count as such.
+template <typename T>
+inline bool IsWholeWord(const T* text, std::uint32_t n, std::uint32_t pos, std::uint32_t m) {
+  if (pos > 0 && !IsWordDelimeter(text[pos - 1])) return false;
+  return pos + m >= n || IsWordDelimeter(text[pos + m]) != 0;
+}
 
-#if defined(TERN_SEARCH_SSE2)
-TERN_SEARCH_SSE2_FN inline __m128i SplatChar(char ch) { return _mm_set1_epi8(ch); }
-TERN_SEARCH_SSE2_FN inline __m128i SplatChar(wchar_t ch) {
-  return _mm_set1_epi16(static_cast<short>(ch));
-}
-TERN_SEARCH_SSE2_FN inline __m128i EqualMask(__m128i a, __m128i b, char) {
-  return _mm_cmpeq_epi8(a, b);
-}
-TERN_SEARCH_SSE2_FN inline __m128i EqualMask(__m128i a, __m128i b, wchar_t) {
-  return _mm_cmpeq_epi16(a, b);
-}
-TERN_SEARCH_SSE2_FN inline __m128i Load(const void* p) {
-  return _mm_loadu_si128(static_cast<const __m128i*>(p));
-}
+// What the vector route looks for: positions p where, for every place i, text[p + place[i]] is
+// one of member[i][0 .. kMembers - 1].
+template <typename T, int kPlaces, int kMembers>
+struct Filter {
+  std::uint32_t place[kPlaces];
+  T member[kPlaces][kMembers];
+
+  bool Check(const T* p) const {
+    for (int i = 0; i < kPlaces; ++i) {
+      bool any = false;
+      for (int j = 0; j < kMembers; ++j) any = any || p[place[i]] == member[i][j];
+      if (!any) return false;
+    }
+    return true;
+  }
+};
 
 inline unsigned PopCount32(std::uint32_t x) {
   x = x - ((x >> 1) & 0x55555555u);
@@ -106,195 +118,108 @@ inline unsigned PopCount32(std::uint32_t x) {
   return (x * 0x01010101u) >> 24;
 }
 
-// One forward pass over a short stretch: how many `ch` it holds, and where the last one stands
-// (-1 for none).
-template <typename T>
-TERN_SEARCH_SSE2_FN inline std::uint32_t CountShort(const T* p, std::uint32_t count, T ch,
-                                                    std::int32_t* last) {
-  constexpr std::uint32_t kLanes = 16 / sizeof(T);
-  const __m128i needle = SplatChar(ch);
-  std::uint32_t total = 0;
-  std::uint32_t i = 0;
-  for (; i + kLanes <= count; i += kLanes) {
-    const auto mask =
-        static_cast<std::uint32_t>(_mm_movemask_epi8(EqualMask(Load(p + i), needle, T())));
-    if (mask != 0) {
-      total += PopCount32(mask) / sizeof(T);
-      *last = static_cast<std::int32_t>(i + (31u - static_cast<unsigned>(__builtin_clz(mask))) /
-                                                sizeof(T));
-    }
-  }
-  if (i < count && count >= kLanes) {
-    // The rest as one vector ending at the stretch's end, without the lanes already counted.
-    const std::uint32_t start = count - kLanes;
-    auto mask =
-        static_cast<std::uint32_t>(_mm_movemask_epi8(EqualMask(Load(p + start), needle, T())));
-    mask &= 0xFFFFu << ((i - start) * sizeof(T));
-    if (mask != 0) {
-      total += PopCount32(mask) / sizeof(T);
-      *last = static_cast<std::int32_t>(start + (31u - static_cast<unsigned>(__builtin_clz(mask))) /
-                                                    sizeof(T));
-    }
-    return total;
-  }
-  for (; i < count; ++i) {
-    if (p[i] == ch) {
-      ++total;
-      *last = static_cast<std::int32_t>(i);
-    }
-  }
-  return total;
-}
-// Characters equal to `ch` in [p, p + count). Four vectors per step go into one lane counter
-// (one dependent subtraction per 64 bytes); the lanes are summed before they can overflow.
-TERN_SEARCH_SSE2_FN inline std::uint32_t CountChar(const char* p, std::uint32_t count, char ch) {
-  std::uint32_t total = 0;
-  const __m128i needle = _mm_set1_epi8(ch);
-  const __m128i zero = _mm_setzero_si128();
-  while (count >= 64) {
-    // A step adds at most 4 to a lane, which holds 255.
-    std::uint32_t steps = count / 64;
-    if (steps > 63) steps = 63;
-    __m128i lanes = zero;
-    for (std::uint32_t i = 0; i < steps; ++i, p += 64) {
-      const __m128i a = _mm_add_epi8(_mm_cmpeq_epi8(Load(p), needle),
-                                     _mm_cmpeq_epi8(Load(p + 16), needle));
-      const __m128i b = _mm_add_epi8(_mm_cmpeq_epi8(Load(p + 32), needle),
-                                     _mm_cmpeq_epi8(Load(p + 48), needle));
-      lanes = _mm_sub_epi8(lanes, _mm_add_epi8(a, b));
-    }
-    const __m128i sums = _mm_sad_epu8(lanes, zero);
-    total += static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums)) +
-             static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
-    count -= steps * 64;
-  }
-  std::int32_t unused = -1;
-  return total + CountShort(p, count, ch, &unused);
-}
+// --- The vector code, once per instruction set. ---
 
-TERN_SEARCH_SSE2_FN inline std::uint32_t CountChar(const wchar_t* p, std::uint32_t count,
-                                                   wchar_t ch) {
-  std::uint32_t total = 0;
-  const __m128i needle = _mm_set1_epi16(static_cast<short>(ch));
-  const __m128i ones = _mm_set1_epi16(1);
-  while (count >= 32) {
-    // A step adds at most 4 to a lane, which must stay below 32768 (madd reads lanes as signed).
-    std::uint32_t steps = count / 32;
-    if (steps > 8191) steps = 8191;
-    __m128i lanes = _mm_setzero_si128();
-    for (std::uint32_t i = 0; i < steps; ++i, p += 32) {
-      const __m128i a = _mm_add_epi16(_mm_cmpeq_epi16(Load(p), needle),
-                                      _mm_cmpeq_epi16(Load(p + 8), needle));
-      const __m128i b = _mm_add_epi16(_mm_cmpeq_epi16(Load(p + 16), needle),
-                                      _mm_cmpeq_epi16(Load(p + 24), needle));
-      lanes = _mm_sub_epi16(lanes, _mm_add_epi16(a, b));
-    }
-    __m128i sums = _mm_madd_epi16(lanes, ones);
+namespace sse2 {
+#pragma GCC push_options
+#pragma GCC target("sse2")
+
+struct Vec {
+  using V = __m128i;
+  using Mask = std::uint32_t;
+  static constexpr std::uint32_t kBytes = 16;
+  static V Load(const void* p) { return _mm_loadu_si128(static_cast<const __m128i*>(p)); }
+  static V Zero() { return _mm_setzero_si128(); }
+  static V Splat(char ch) { return _mm_set1_epi8(ch); }
+  static V Splat(wchar_t ch) { return _mm_set1_epi16(static_cast<short>(ch)); }
+  static V Equal(V a, V b, char) { return _mm_cmpeq_epi8(a, b); }
+  static V Equal(V a, V b, wchar_t) { return _mm_cmpeq_epi16(a, b); }
+  static V And(V a, V b) { return _mm_and_si128(a, b); }
+  static V Or(V a, V b) { return _mm_or_si128(a, b); }
+  static V Add(V a, V b, char) { return _mm_add_epi8(a, b); }
+  static V Add(V a, V b, wchar_t) { return _mm_add_epi16(a, b); }
+  static V Sub(V a, V b, char) { return _mm_sub_epi8(a, b); }
+  static V Sub(V a, V b, wchar_t) { return _mm_sub_epi16(a, b); }
+  static std::uint32_t Bits(V v) { return static_cast<std::uint32_t>(_mm_movemask_epi8(v)); }
+  static std::uint32_t SumBytes(V v) {
+    const __m128i sums = _mm_sad_epu8(v, _mm_setzero_si128());
+    return static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums)) +
+           static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
+  }
+  static std::uint32_t SumWords(V v) {
+    __m128i sums = _mm_madd_epi16(v, _mm_set1_epi16(1));
     sums = _mm_add_epi32(sums, _mm_srli_si128(sums, 8));
     sums = _mm_add_epi32(sums, _mm_srli_si128(sums, 4));
-    total += static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums));
-    count -= steps * 32;
+    return static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums));
   }
-  std::int32_t unused = -1;
-  return total + CountShort(p, count, ch, &unused);
-}
-
-// The index of the last `ch` in [p, p + count), or -1.
-template <typename T>
-TERN_SEARCH_SSE2_FN inline std::int32_t FindLastChar(const T* p, std::uint32_t count, T ch) {
-  constexpr std::uint32_t kLanes = 16 / sizeof(T);
-  const __m128i needle = SplatChar(ch);
-  std::uint32_t end = count;
-  while (end >= kLanes) {
-    const unsigned mask =
-        static_cast<unsigned>(_mm_movemask_epi8(EqualMask(Load(p + end - kLanes), needle, T())));
-    if (mask != 0) {
-      const unsigned top_byte = 31u - static_cast<unsigned>(__builtin_clz(mask));
-      return static_cast<std::int32_t>(end - kLanes + top_byte / sizeof(T));
-    }
-    end -= kLanes;
-  }
-  while (end > 0) {
-    --end;
-    if (p[end] == ch) return static_cast<std::int32_t>(end);
-  }
-  return -1;
-}
-
-#else
-template <typename T>
-inline std::uint32_t CountChar(const T* p, std::uint32_t count, T ch) {
-  std::uint32_t total = 0;
-  for (; count > 0; --count, ++p) total += *p == ch;
-  return total;
-}
-
-template <typename T>
-inline std::int32_t FindLastChar(const T* p, std::uint32_t count, T ch) {
-  while (count > 0) {
-    --count;
-    if (p[count] == ch) return static_cast<std::int32_t>(count);
-  }
-  return -1;
-}
-
-template <typename T>
-inline std::uint32_t CountShort(const T* p, std::uint32_t count, T ch, std::int32_t* last) {
-  std::uint32_t total = 0;
-  for (std::uint32_t i = 0; i < count; ++i) {
-    if (p[i] == ch) {
-      ++total;
-      *last = static_cast<std::int32_t>(i);
-    }
-  }
-  return total;
-}
-#endif
-
-// Line number and line start of a position, counted lazily: only when a result needs them, and
-// only over the stretch since the last result, so that each character is looked at once or
-// twice in all however the scan moves.
-template <typename T>
-class LineCounter {
- public:
-  LineCounter(const T* text, T delimiter) : text_(text), delimiter_(delimiter) {}
-
-  // The result for an occurrence at `pos`, which is never below the previous call's.
-  std::uint64_t ResultAt(std::uint32_t pos) {
-    const std::uint32_t count = pos - scanned_;
-    if (count < kShortStretch) {
-      std::int32_t last = -1;
-      line_ += CountShort(text_ + scanned_, count, delimiter_, &last);
-      if (last >= 0) line_start_ = scanned_ + static_cast<std::uint32_t>(last) + 1;
-    } else {
-      // Long stretches: find the last delimiter from the end, then count up to it with the
-      // lane counters.
-      const std::int32_t last = FindLastChar(text_ + scanned_, count, delimiter_);
-      if (last >= 0) {
-        const std::uint32_t end = scanned_ + static_cast<std::uint32_t>(last);  // The delimiter.
-        line_ += CountChar(text_ + scanned_, end - scanned_, delimiter_) + 1;
-        line_start_ = end + 1;
-      }
-    }
-    scanned_ = pos;
-    return MakeResult(line_start_, line_);
-  }
-
- private:
-  static constexpr std::uint32_t kShortStretch = 192;
-  const T* text_;
-  T delimiter_;
-  std::uint32_t scanned_ = 0;
-  std::uint32_t line_ = 1;
-  std::uint32_t line_start_ = 0;
 };
 
-// With whole words only: the characters on both sides of an occurrence must be word delimiters;
-// the start and the end of the text count as such.
-template <typename T>
-inline bool IsWholeWord(const T* text, std::uint32_t n, std::uint32_t pos, std::uint32_t m) {
-  if (pos > 0 && !IsWordDelimeter(text[pos - 1])) return false;
-  return pos + m >= n || IsWordDelimeter(text[pos + m]) != 0;
+#include "buffer/search_vector_internal.inc"
+
+#pragma GCC pop_options
+}  // namespace sse2
+
+namespace avx2 {
+#pragma GCC push_options
+#pragma GCC target("avx2")
+
+struct Vec {
+  using V = __m256i;
+  using Mask = std::uint64_t;
+  static constexpr std::uint32_t kBytes = 32;
+  static V Load(const void* p) { return _mm256_loadu_si256(static_cast<const __m256i*>(p)); }
+  static V Zero() { return _mm256_setzero_si256(); }
+  static V Splat(char ch) { return _mm256_set1_epi8(ch); }
+  static V Splat(wchar_t ch) { return _mm256_set1_epi16(static_cast<short>(ch)); }
+  static V Equal(V a, V b, char) { return _mm256_cmpeq_epi8(a, b); }
+  static V Equal(V a, V b, wchar_t) { return _mm256_cmpeq_epi16(a, b); }
+  static V And(V a, V b) { return _mm256_and_si256(a, b); }
+  static V Or(V a, V b) { return _mm256_or_si256(a, b); }
+  static V Add(V a, V b, char) { return _mm256_add_epi8(a, b); }
+  static V Add(V a, V b, wchar_t) { return _mm256_add_epi16(a, b); }
+  static V Sub(V a, V b, char) { return _mm256_sub_epi8(a, b); }
+  static V Sub(V a, V b, wchar_t) { return _mm256_sub_epi16(a, b); }
+  static std::uint32_t Bits(V v) { return static_cast<std::uint32_t>(_mm256_movemask_epi8(v)); }
+  static std::uint32_t SumBytes(V v) {
+    const __m256i sums = _mm256_sad_epu8(v, _mm256_setzero_si256());
+    const __m128i half = _mm_add_epi64(_mm256_castsi256_si128(sums),
+                                       _mm256_extracti128_si256(sums, 1));
+    return static_cast<std::uint32_t>(_mm_cvtsi128_si32(half)) +
+           static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(half, 8)));
+  }
+  static std::uint32_t SumWords(V v) {
+    const __m256i pairs = _mm256_madd_epi16(v, _mm256_set1_epi16(1));
+    __m128i sums = _mm_add_epi32(_mm256_castsi256_si128(pairs), _mm256_extracti128_si256(pairs, 1));
+    sums = _mm_add_epi32(sums, _mm_srli_si128(sums, 8));
+    sums = _mm_add_epi32(sums, _mm_srli_si128(sums, 4));
+    return static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums));
+  }
+};
+
+#include "buffer/search_vector_internal.inc"
+
+#pragma GCC pop_options
+}  // namespace avx2
+
+// Whether the processor has AVX2 and the system saves its registers (OSXSAVE, and XCR0 with the
+// SSE and AVX state). Asked once per module.
+inline bool HasAvx2() {
+  static std::atomic<int> known{0};  // 0 not asked yet, 1 no, 2 yes.
+  int answer = known.load(std::memory_order_relaxed);
+  if (answer == 0) {
+    unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+    bool yes = false;
+    if (__get_cpuid(1, &eax, &ebx, &ecx, &edx) && (ecx & bit_OSXSAVE) && (ecx & bit_AVX)) {
+      unsigned xcr0_low = 0, xcr0_high = 0;
+      __asm__ volatile("xgetbv" : "=a"(xcr0_low), "=d"(xcr0_high) : "c"(0));
+      if ((xcr0_low & 6) == 6 && __get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) {
+        yes = (ebx & bit_AVX2) != 0;
+      }
+    }
+    answer = yes ? 2 : 1;
+    known.store(answer, std::memory_order_relaxed);
+  }
+  return answer == 2;
 }
 
 // --- The literal scan. ---
@@ -373,7 +298,7 @@ std::uint32_t HorspoolScan(const T* text, std::uint32_t n, const T* term, std::u
                            const unsigned short* table, unsigned table_size, bool whole_words,
                            T delimiter, LastEqual last_equal, Equal equal, Poll poll,
                            Sink& sink) {
-  LineCounter<T> lines(text, delimiter);
+  sse2::LineCounter<T> lines(text, delimiter);
   const T last = term[m - 1];
   const std::uint32_t last_pos = n - m;
   std::uint32_t found = 0;
@@ -458,7 +383,7 @@ std::uint32_t CaselessScan(const T* text, std::uint32_t n, const T* term, std::u
                            const unsigned short* table, unsigned table_size, bool whole_words,
                            T delimiter, Sink& sink) {
   constexpr std::uint32_t kCachedPlaces = 6;
-  LineCounter<T> lines(text, delimiter);
+  sse2::LineCounter<T> lines(text, delimiter);
   const std::uint32_t last_pos = n - m;
   auto shift_of = [table, table_size, m](T ch) -> std::uint32_t {
     const unsigned base = BaseOf(ch);
@@ -502,8 +427,6 @@ std::uint32_t CaselessScan(const T* text, std::uint32_t n, const T* term, std::u
   }
   return found;
 }
-
-// --- The fast route for case-sensitive searches. ---
 
 // How common a character is in ordinary text, roughly (higher is more common). Only used to pick
 // the term's two rarest places as the filter of the fast route; any choice gives the same results.
@@ -552,150 +475,55 @@ void PickFilterPlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t* 
   *second = a < b ? b : a;
 }
 
-// Whether the term stands at `at` (which leaves room for it).
+// The filter of a search by value: the term's rarest places (see Commonness), two, and a third
+// from four characters on, which pays for its extra compares by far fewer false candidates in
+// ordinary text. For shorter terms the third place repeats the second.
 template <typename T>
-TERN_SEARCH_SSE2_FN inline bool TermAt(const T* at, const T* term, std::uint32_t m) {
-  std::uint32_t k = 0;
-#if defined(TERN_SEARCH_SSE2)
-  constexpr std::uint32_t kLanes = 16 / sizeof(T);
-  if (m >= kLanes) {
-    for (; k + kLanes <= m; k += kLanes) {
-      if (_mm_movemask_epi8(_mm_cmpeq_epi8(Load(at + k), Load(term + k))) != 0xFFFF) return false;
-    }
-    // The rest as one vector that overlaps the part already compared.
-    k = m - kLanes;
-    return _mm_movemask_epi8(_mm_cmpeq_epi8(Load(at + k), Load(term + k))) == 0xFFFF;
-  }
-#endif
-  for (; k < m; ++k) {
-    if (at[k] != term[k]) return false;
-  }
-  return true;
-}
-
-// Candidates for the greedy scan by value: positions whose filter places hold the term's
-// characters there. The places are the term's rarest (see Commonness): two, and a third from
-// four characters on, which pays for its extra compares by far fewer false candidates in ordinary
-// text. A verified candidate is an occurrence.
-template <typename T>
-class ValueMatcher {
- public:
-  ValueMatcher(const T* term, std::uint32_t m) : term_(term), m_(m) {
-    if (m < 2) return;
+Filter<T, 3, 1> ValueFilter(const T* term, std::uint32_t m) {
+  Filter<T, 3, 1> filter{};
+  std::uint32_t i1 = 0;
+  std::uint32_t i2 = 0;
+  std::uint32_t i3 = 0;
+  if (m > 1) {
     auto rank = [term](std::uint32_t k) { return Commonness(CodeOf(term[k])); };
-    PickFilterPlaces(term, m, rank, &i1_, &i2_);
-    i3_ = i2_;
-    if (m < 4) return;
+    PickFilterPlaces(term, m, rank, &i1, &i2);
+    i3 = i2;
     int best = 1 << 30;
-    for (std::uint32_t k = 0; k < m; ++k) {
-      if (k != i1_ && k != i2_ && rank(k) < best) {
+    for (std::uint32_t k = 0; m >= 4 && k < m; ++k) {
+      if (k != i1 && k != i2 && rank(k) < best) {
         best = rank(k);
-        i3_ = k;
+        i3 = k;
       }
     }
   }
-
-#if defined(TERN_SEARCH_SSE2)
-  // Candidate mask of the 32 bytes' worth of positions from `p`: bit (i * sizeof(T)) stands for
-  // position p + i, and in the wide form the bit above it is set along with it.
-  TERN_SEARCH_SSE2_FN std::uint32_t Candidates(const T* p) const {
-    constexpr std::uint32_t kLanes = 16 / sizeof(T);
-    const __m128i c1 = SplatChar(term_[i1_]);
-    const __m128i c2 = SplatChar(term_[i2_]);
-    const __m128i c3 = SplatChar(term_[i3_]);
-    const __m128i lo = _mm_and_si128(
-        _mm_and_si128(EqualMask(Load(p + i1_), c1, T()), EqualMask(Load(p + i2_), c2, T())),
-        EqualMask(Load(p + i3_), c3, T()));
-    const __m128i hi = _mm_and_si128(_mm_and_si128(EqualMask(Load(p + kLanes + i1_), c1, T()),
-                                                   EqualMask(Load(p + kLanes + i2_), c2, T())),
-                                     EqualMask(Load(p + kLanes + i3_), c3, T()));
-    return static_cast<std::uint32_t>(_mm_movemask_epi8(lo)) |
-           (static_cast<std::uint32_t>(_mm_movemask_epi8(hi)) << 16);
+  const std::uint32_t places[3] = {i1, i2, i3};
+  for (int i = 0; i < 3; ++i) {
+    filter.place[i] = places[i];
+    filter.member[i][0] = term[places[i]];
   }
-#endif
-  bool Candidate(const T* p) const {
-    return p[i1_] == term_[i1_] && p[i2_] == term_[i2_] && p[i3_] == term_[i3_];
-  }
-  bool Verify(const T* p) const { return TermAt(p, term_, m_); }
-
- private:
-  const T* term_;
-  std::uint32_t m_;
-  std::uint32_t i1_ = 0;
-  std::uint32_t i2_ = 0;
-  std::uint32_t i3_ = 0;
-};
-
-// Leftmost occurrences, each one looked for from m places behind the last occurrence found (or
-// rejected as no whole word). This is what the defining scan records whenever its table never
-// moves the term past a place where it matches, which the callers check first. The matcher's
-// candidates are found 32 bytes at a time, and each is verified whole.
-template <typename T, typename Matcher, typename Sink>
-TERN_SEARCH_SSE2_FN std::uint32_t GreedyScan(const T* text, std::uint32_t n, std::uint32_t m,
-                                             const Matcher& matcher, bool whole_words,
-                                             T delimiter, Sink& sink) {
-  LineCounter<T> lines(text, delimiter);
-  const std::uint32_t last_pos = n - m;
-  std::uint32_t found = 0;
-  std::uint32_t next = 0;  // The first position where an occurrence may start.
-
-  auto take = [&](std::uint32_t at) {
-    if (!whole_words || IsWholeWord(text, n, at, m)) {
-      ++found;
-      sink(lines.ResultAt(at));
-    }
-    next = at + m;
-  };
-
-#if defined(TERN_SEARCH_SSE2)
-  constexpr std::uint32_t kRound = 32 / sizeof(T);  // Positions per round.
-  // A round looks at the positions block .. block + kRound - 1, all of them <= last_pos.
-  while (last_pos >= kRound - 1 && next <= last_pos - (kRound - 1)) {
-    const std::uint32_t block = next;
-    std::uint32_t mask = matcher.Candidates(text + block);
-    next = block + kRound;
-    while (mask != 0) {
-      const std::uint32_t at = block + static_cast<std::uint32_t>(__builtin_ctz(mask)) / sizeof(T);
-      if (matcher.Verify(text + at)) {
-        take(at);  // Moves `next` to at + m.
-        const std::uint32_t skip = (next - block) * sizeof(T);  // Mask bits now out of reach.
-        if (skip >= 32) break;
-        mask &= ~0u << skip;
-        if (next < block + kRound) next = block + kRound;
-      } else {
-        mask &= ~((sizeof(T) == 1 ? 1u : 3u) << ((at - block) * sizeof(T)));
-      }
-    }
-  }
-#endif
-  for (std::uint32_t pos = next; pos <= last_pos; ++pos) {
-    if (pos >= next && matcher.Candidate(text + pos) && matcher.Verify(text + pos)) take(pos);
-  }
-  return found;
+  return filter;
 }
 
-// Candidates and verification for a caseless narrow search by the sets of bytes that the C
-// runtime calls equal to each term character, asked once per search. Prepare() declines terms
-// whose sets it cannot hold, and tables that could move the term past such a byte.
-class NarrowClassMatcher {
+// The sets of bytes that the C runtime calls equal to each character of a caseless narrow term,
+// asked once per search, and the filter and verification built on them. Prepare() declines terms
+// whose sets it cannot hold, and tables that could move the term past a byte of such a set.
+class NarrowClassSets {
  public:
   static constexpr std::uint32_t kMaxTerm = 64;
   static constexpr std::uint32_t kMaxDistinct = 64;
-  static constexpr std::uint32_t kMaxMembers = 3;  // Per filter place.
+  static constexpr int kMaxMembers = 3;  // Per filter place.
 
-  // Builds the sets; false if the term is too long, has too many distinct characters, or the
-  // table is unsound for them.
+  // False if the term is too long, or the table unsound for the sets, or a filter place has
+  // more than kMaxMembers bytes.
   bool Prepare(const char* term, std::uint32_t m, const unsigned short* table,
                unsigned table_size) {
     if (m > kMaxTerm) return false;
-    term_ = term;
     m_ = m;
     std::uint32_t distinct = 0;
     for (std::uint32_t k = 0; k < m; ++k) {
       std::uint32_t d = 0;
       while (d < distinct && term[set_char_[d]] != term[k]) ++d;
       if (d == distinct) {
-        if (distinct == kMaxDistinct) return false;
         set_char_[distinct++] = static_cast<std::uint8_t>(k);
         std::memset(sets_[d], 0, sizeof(sets_[d]));
         for (unsigned byte = 0; byte < 256; ++byte) {
@@ -707,14 +535,13 @@ class NarrowClassMatcher {
     }
     // Sound if every byte equal to the character at j < m - 1 moves by at most m - 1 - j.
     for (std::uint32_t j = 0; j + 1 < m; ++j) {
-      const std::uint32_t* set = sets_[set_of_[j]];
       for (unsigned byte = 0; byte < 256; ++byte) {
-        if ((set[byte >> 5] & (1u << (byte & 31))) == 0) continue;
+        if (!In(j, static_cast<char>(byte))) continue;
         const unsigned base = BaseOf(static_cast<char>(byte));
         if (base >= table_size || table[base] > m - 1 - j) return false;
       }
     }
-    // A place is as common as the bytes its set holds together.
+    // A place is as common as the bytes of its set together.
     auto rank = [this](std::uint32_t k) {
       int sum = 0;
       for (unsigned byte = 0; byte < 256; ++byte) {
@@ -722,19 +549,25 @@ class NarrowClassMatcher {
       }
       return sum;
     };
-    if (m > 1) PickFilterPlaces(term, m, rank, &i1_, &i2_);
-    return Members(i1_, members1_, &count1_) && Members(i2_, members2_, &count2_);
+    std::uint32_t places[2] = {0, 0};
+    if (m > 1) PickFilterPlaces(term, m, rank, &places[0], &places[1]);
+    for (int i = 0; i < 2; ++i) {
+      filter_.place[i] = places[i];
+      int count = 0;
+      for (unsigned byte = 0; byte < 256; ++byte) {
+        if (!In(places[i], static_cast<char>(byte))) continue;
+        if (count == kMaxMembers) return false;
+        filter_.member[i][count++] = static_cast<char>(byte);
+      }
+      // Fewer members repeat the first one.
+      for (int j = count; j < kMaxMembers; ++j) filter_.member[i][j] = filter_.member[i][0];
+    }
+    return true;
   }
 
-#if defined(TERN_SEARCH_SSE2)
-  TERN_SEARCH_SSE2_FN std::uint32_t Candidates(const char* p) const {
-    const std::uint32_t lo = Hits(p + i1_, members1_, count1_) & Hits(p + i2_, members2_, count2_);
-    const std::uint32_t hi =
-        Hits(p + 16 + i1_, members1_, count1_) & Hits(p + 16 + i2_, members2_, count2_);
-    return lo | (hi << 16);
-  }
-#endif
-  bool Candidate(const char* p) const { return In(i1_, p[i1_]) && In(i2_, p[i2_]); }
+  const Filter<char, 2, kMaxMembers>& filter() const { return filter_; }
+
+  // Whether the term stands at `p`, place by place through the sets.
   bool Verify(const char* p) const {
     for (std::uint32_t k = 0; k < m_; ++k) {
       if (!In(k, p[k])) return false;
@@ -748,40 +581,24 @@ class NarrowClassMatcher {
     return (sets_[set_of_[place]][byte >> 5] & (1u << (byte & 31))) != 0;
   }
 
-  bool Members(std::uint32_t place, char* members, std::uint32_t* count) const {
-    *count = 0;
-    for (unsigned byte = 0; byte < 256; ++byte) {
-      if (!In(place, static_cast<char>(byte))) continue;
-      if (*count == kMaxMembers) return false;
-      members[(*count)++] = static_cast<char>(byte);
-    }
-    return true;
-  }
-
-#if defined(TERN_SEARCH_SSE2)
-  TERN_SEARCH_SSE2_FN static std::uint32_t Hits(const char* p, const char* members,
-                                                std::uint32_t count) {
-    const __m128i text = Load(p);
-    __m128i hits = _mm_cmpeq_epi8(text, _mm_set1_epi8(members[0]));
-    for (std::uint32_t i = 1; i < count; ++i) {
-      hits = _mm_or_si128(hits, _mm_cmpeq_epi8(text, _mm_set1_epi8(members[i])));
-    }
-    return static_cast<std::uint32_t>(_mm_movemask_epi8(hits));
-  }
-#endif
-
-  const char* term_ = nullptr;
   std::uint32_t m_ = 0;
-  std::uint32_t i1_ = 0;
-  std::uint32_t i2_ = 0;
   std::uint32_t sets_[kMaxDistinct][8];  // 256-bit sets.
   std::uint8_t set_char_[kMaxDistinct];  // A place holding the set's term character.
   std::uint8_t set_of_[kMaxTerm];        // The set of each place.
-  char members1_[kMaxMembers];
-  char members2_[kMaxMembers];
-  std::uint32_t count1_ = 0;
-  std::uint32_t count2_ = 0;
+  Filter<char, 2, kMaxMembers> filter_{};
 };
+
+// Runs the vector route with the widest instruction set that the processor offers and `tuning`
+// allows.
+template <typename T, int kPlaces, int kMembers, typename Verify, typename Sink>
+std::uint32_t RunGreedyScan(const T* text, std::uint32_t n, std::uint32_t m,
+                            const Filter<T, kPlaces, kMembers>& filter, Verify verify,
+                            bool whole_words, T delimiter, Sink& sink, bool allow_avx2) {
+  if (allow_avx2 && HasAvx2()) {
+    return avx2::GreedyScan(text, n, m, filter, verify, whole_words, delimiter, sink);
+  }
+  return sse2::GreedyScan(text, n, m, filter, verify, whole_words, delimiter, sink);
+}
 
 // Whether the table, used with value comparison, never moves the term past an occurrence. A
 // failed alignment moves by the entry of the character under its last place; that is safe if the
@@ -804,6 +621,7 @@ bool SafeForValueScan(const T* term, std::uint32_t m, const unsigned short* tabl
 // this many characters per question. Tests lower it to reach that route with small texts.
 struct ScanTuning {
   std::uint32_t chars_per_set_up_call = 32;
+  bool allow_avx2 = true;  // Tests turn it off to reach the SSE2 code on any processor.
 };
 
 // Runs the search of `query` over text[0 .. n - 1] and hands each result, in text order, to
@@ -850,13 +668,15 @@ std::uint32_t ScanText(const T* text, int n, const CSearchQuery<T>& query, unsig
     // sets of such bytes are worth asking for: if the table is sound for them the greedy route
     // gives the same results. Otherwise the scan keeps to the table's alignments.
     if constexpr (sizeof(T) == 1) {
-      const std::uint64_t calls = 256ull * (um < NarrowClassMatcher::kMaxDistinct
+      const std::uint64_t calls = 256ull * (um < NarrowClassSets::kMaxDistinct
                                                 ? um
-                                                : NarrowClassMatcher::kMaxDistinct);
+                                                : NarrowClassSets::kMaxDistinct);
       if (un >= calls * tuning.chars_per_set_up_call) {
-        NarrowClassMatcher matcher;
-        if (matcher.Prepare(term, um, table, table_size)) {
-          return GreedyScan(text, un, um, matcher, whole_words, delimiter, sink);
+        NarrowClassSets sets;
+        if (sets.Prepare(term, um, table, table_size)) {
+          auto verify = [&sets](const char* p) { return sets.Verify(p); };
+          return RunGreedyScan(text, un, um, sets.filter(), verify, whole_words, delimiter, sink,
+                               tuning.allow_avx2);
         }
       }
     }
@@ -866,7 +686,12 @@ std::uint32_t ScanText(const T* text, int n, const CSearchQuery<T>& query, unsig
     return HorspoolScan(text, un, term, um, table, table_size, whole_words, delimiter,
                         ValueEqual(), ValueEqual(), NoStop(), sink);
   }
-  return GreedyScan(text, un, um, ValueMatcher<T>(term, um), whole_words, delimiter, sink);
+  if (tuning.allow_avx2 && HasAvx2()) {
+    return avx2::GreedyScan(text, un, um, ValueFilter(term, um),
+                            avx2::TermVerifier<T>{term, um}, whole_words, delimiter, sink);
+  }
+  return sse2::GreedyScan(text, un, um, ValueFilter(term, um), sse2::TermVerifier<T>{term, um},
+                          whole_words, delimiter, sink);
 }
 
 }  // namespace search_internal

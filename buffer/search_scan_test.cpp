@@ -44,8 +44,9 @@ CSearchQuery<T> Query(const T* term, bool caseless = false) {
 
 bool NeverStop(void*) { return false; }
 
-// Routes with set-up costs taken at any text length.
-constexpr KVT::search_internal::ScanTuning kEager{0};
+// Routes with set-up costs taken at any text length; with AVX2 or with SSE2 only.
+constexpr KVT::search_internal::ScanTuning kEager{0, true};
+constexpr KVT::search_internal::ScanTuning kEagerSse2{0, false};
 
 struct PollCounter {
   int polls = 0;
@@ -181,22 +182,28 @@ TEST(SearchScanTest, UnsoundTableIsFollowedExactly) {
                                           kEager).results);
 }
 
-// Line counts across long stretches: the vector counters sum their lanes every 255 (narrow) and
-// 32767 (wide) blocks.
+// Line counts across long stretches: the lane counters are summed every 63 steps (narrow) and
+// 8191 steps (wide) of four vectors; text made of delimiters alone fills every lane.
 TEST(SearchScanTest, CountsLinesOverLongStretches) {
   std::string narrow;
   for (int i = 0; i < 5000; ++i) narrow += "ab\n";
   narrow += "needle\nneedle";
-  const auto got = Scan(narrow, Query("needle"), 0, '\n');
-  EXPECT_EQ((Results{Result(5001, 15000), Result(5002, 15007)}), got.results);
+  const std::string narrow_full = std::string(100000, '\n') + "pin";
+  std::wstring wide_full(600000, L'\n');
+  wide_full += L"pin";
+  const std::string plain = std::string(70000, 'q') + "pin";
 
-  std::wstring wide(300000, L'\n');
-  wide += L"pin";
-  const auto got_wide = Scan(wide, Query(L"pin"), 0, L'\n');
-  EXPECT_EQ((Results{Result(300001, 300000)}), got_wide.results);
-
-  const auto none = Scan(std::string(70000, 'q') + "pin", Query("pin"), 0, '\0');
-  EXPECT_EQ((Results{Result(1, 0)}), none.results);
+  for (const auto& tuning : {kEager, kEagerSse2}) {
+    SCOPED_TRACE(tuning.allow_avx2 ? "avx2 allowed" : "sse2");
+    EXPECT_EQ((Results{Result(5001, 15000), Result(5002, 15007)}),
+              Scan(narrow, Query("needle"), 0, '\n', nullptr, nullptr, tuning).results);
+    EXPECT_EQ((Results{Result(100001, 100000)}),
+              Scan(narrow_full, Query("pin"), 0, '\n', nullptr, nullptr, tuning).results);
+    EXPECT_EQ((Results{Result(600001, 600000)}),
+              Scan(wide_full, Query(L"pin"), 0, L'\n', nullptr, nullptr, tuning).results);
+    EXPECT_EQ((Results{Result(1, 0)}),
+              Scan(plain, Query("pin"), 0, '\0', nullptr, nullptr, tuning).results);
+  }
 }
 
 TEST(SearchScanTest, LongTermWithCappedShifts) {
@@ -210,7 +217,8 @@ TEST(SearchScanTest, LongTermWithCappedShifts) {
 
 // The scan against the plain reference for random texts and terms, every flag combination, both
 // line delimiters, with and without a stop callback (which takes the step-by-step route), and with
-// every route allowed at any text length.
+// every route allowed at any text length, in both instruction sets (AVX2 where the processor
+// has it).
 template <typename T>
 void CompareWithReference(std::uint32_t seed, int texts) {
   std::mt19937 rng(seed);
@@ -233,6 +241,8 @@ void CompareWithReference(std::uint32_t seed, int texts) {
         ASSERT_EQ(expected, polled.results);
         const auto eager = Scan(text, query, flags, delimiter, nullptr, nullptr, kEager);
         ASSERT_EQ(expected, eager.results);
+        const auto sse2 = Scan(text, query, flags, delimiter, nullptr, nullptr, kEagerSse2);
+        ASSERT_EQ(expected, sse2.results);
         ++cases;
         occurrences += expected.size();
       }
