@@ -1,0 +1,300 @@
+#ifndef TERNCORELIB_FOUNDATION_X_ARRAY_H_
+#define TERNCORELIB_FOUNDATION_X_ARRAY_H_
+
+// XArray<T>: the library's growable array, header-only and outside the namespace, since the
+// application meets it directly (String::ToTokens fills one that the caller made).
+
+#include <atomic>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+#include <type_traits>
+
+// One record of an XArray: the value and whether the array must release it.
+template <typename T>
+struct XArrayEntry {
+  T value;
+  bool owned;
+};
+
+// An array of records, grown by a fixed step and emptied without giving memory back.
+//
+// `entries` is a table of pointers, one per slot, to records that are objects of their own: a
+// table that grows moves the pointers, never the records, and the records hold the values. The
+// table comes from malloc/realloc; records and owned copies from new/delete.
+//
+// Rules that callers rely on:
+// - Growth is by `growStep` slots at a time, never by a factor. The first Add allocates
+//   `growStep` slots; whenever `count` + 1 reaches `capacity` the table grows by another step,
+//   so after every Add at least one slot at the end is spare. New slots are null.
+// - Reset only sets `count` to 0: the table and every record stay, with the values they own,
+//   and later Adds reuse them in place. An owned value behind `count` lives on until Add reuses
+//   its record or RemoveAll releases it.
+// - operator[] never fails: an index that is negative, at or above `count`, or whose slot holds
+//   no record gives a reference to `defaultValue`, a zero T that nothing writes to.
+// - What Add does with `owned`, by T:
+//     narrow or wide text (char*, wchar_t*, and their const forms): owned true makes the record
+//       hold a private copy (new[] of length + 1 characters, terminator included), released with
+//       delete[]; the caller's text stays the caller's and later changes to it don't show here.
+//     any other object pointer: owned true makes the array take over the object, released with
+//       delete.
+//     anything else (numbers): there is nothing to release; owned is stored as false.
+//   A value with owned false belongs to somebody else and is never touched.
+//
+// Copies. Copy construction and copy assignment copy the five fields as they stand, so that both
+// arrays refer to one table and one set of records, as the holders of arrays (CBuffer, the XML
+// tags) copy themselves field by field. A hidden count of holders in front of the table makes
+// sure that the table, the records and the owned values are released once: RemoveAll or
+// destruction of a copy only lets go of them while another copy still holds them, and the last
+// holder releases them. While shared, the copies write through: an Add that needs no growth
+// writes into the common table, and `count` stays each copy's own. An Add that must grow a
+// shared table cannot move it under the other holders, so that copy takes a table of its own
+// whose first `count` records carry the same values, not owned (their owner stays the shared
+// table). Copies that share a table are one array: use them from one thread at a time, though
+// they may be destroyed on different threads.
+//
+// Copy assignment does not release what the assigned array held before: like a field-by-field
+// copy it only drops its hold, so that whatever another copy still reads stays valid. If no
+// other copy held it, it stays allocated for good; call RemoveAll first to give it back.
+//
+// Not thread-safe: the holder protects the array.
+template <typename T>
+class XArray {
+ public:
+  using Entry = XArrayEntry<T>;
+
+  // The zero T that reads outside the array refer to.
+  static inline const T defaultValue{};
+
+  // No table yet: `entries` null, `capacity` and `count` 0, `sorted` true. Allocates nothing.
+  // A step below 2 is taken as 2: with a step of 1 the first Add could not leave a spare slot.
+  // The default of 100 is the step of the library's own line and attribute tables; for the
+  // token arrays that applications make it only decides how often the table grows.
+  explicit XArray(int growStep = 100)
+      : entries(nullptr), capacity(0), growStep(growStep < 2 ? 2 : growStep), sorted(true),
+        count(0) {}
+
+  XArray(const XArray& other)
+      : entries(other.entries), capacity(other.capacity), growStep(other.growStep),
+        sorted(other.sorted), count(other.count) {
+    Hold(entries);
+  }
+
+  XArray& operator=(const XArray& other) {
+    if (this == &other) return *this;
+    Hold(other.entries);
+    // Only the hold goes, even if it was the last one: see the class comment.
+    if (entries != nullptr) Holders(entries).fetch_sub(1);
+    entries = other.entries;
+    capacity = other.capacity;
+    growStep = other.growStep;
+    sorted = other.sorted;
+    count = other.count;
+    return *this;
+  }
+
+  ~XArray() { RemoveAll(); }
+
+  // Appends `value` at index `count` and gives that index. `owned` as the class comment says; an
+  // owned null text is stored as null. Sets `sorted` to false.
+  // If no record can be allocated, the slot stays null and the index is still given: reading it
+  // gives `defaultValue` (an owned text is then not copied). If the table cannot be allocated or
+  // grown, nothing changes and the result is -1.
+  int Add(T value, bool owned = false) {
+    if (count + 1 >= capacity && !Grow()) return -1;
+    Entry*& slot = entries[count];
+    if (slot == nullptr) slot = new (std::nothrow) Entry{T(), false};
+    if (slot != nullptr) {
+      const bool own = owned && kCanOwn;
+      const T taken = own ? TakeValue(value) : value;
+      // A record left behind by Reset may still own its former value, which goes now (unless it
+      // is the very object that comes back in).
+      const T former = slot->value;
+      const bool former_owned = slot->owned;
+      slot->value = taken;
+      slot->owned = own;
+      if constexpr (kCanOwn) {
+        if (former_owned && former != nullptr && former != taken) ReleaseValue(former);
+      }
+    }
+    sorted = false;
+    return count++;
+  }
+
+  // The value at `index`, or `defaultValue` for an index outside 0..count-1 or an empty slot.
+  const T& operator[](int index) const {
+    if (index < 0 || index >= count || index >= capacity || entries == nullptr) {
+      return defaultValue;
+    }
+    const Entry* entry = entries[index];
+    return entry != nullptr ? entry->value : defaultValue;
+  }
+
+  // Sets `count` to 0 and nothing else.
+  void Reset() { count = 0; }
+
+  // Releases the table, every record in it (behind `count` too) and every owned value, then sets
+  // `count` and `capacity` to 0 and `entries` to null; `growStep` and `sorted` stay, and the next
+  // Add starts a fresh table. Nothing to do without a table. A copy that shares the table only
+  // lets go of it and ends empty the same way.
+  // If releasing an owned value raises an exception, it is caught and the release ends there:
+  // the records released so far are gone from their slots, the rest stay, and `count`,
+  // `capacity` and `entries` are unchanged, so that a later RemoveAll goes on where this one
+  // stopped.
+  void RemoveAll() {
+    if (entries == nullptr) return;
+    if (Holders(entries).fetch_sub(1) == 1) {
+      for (int i = 0; i < capacity; ++i) {
+        Entry* entry = entries[i];
+        if (entry == nullptr) continue;
+        // Disown first, so that a value whose release throws is never released twice.
+        T value = entry->value;
+        bool owned = entry->owned;
+        entry->value = T();
+        entry->owned = false;
+        if (owned) {
+          try {
+            ReleaseValue(value);
+          } catch (...) {
+            Holders(entries).store(1);
+            return;
+          }
+        }
+        delete entry;
+        entries[i] = nullptr;
+      }
+      Holders(entries).~Counter();
+      std::free(Base(entries));
+    }
+    entries = nullptr;
+    count = 0;
+    capacity = 0;
+  }
+
+  Entry** entries;  // One pointer per slot; null before the first Add and after RemoveAll.
+  int capacity;     // Slots in `entries`.
+  int growStep;     // Slots added by one growth.
+  bool sorted;      // True until the first Add; only a sort by the holder sets it again.
+  int count;        // Entries in use: slots 0 to count - 1.
+
+ private:
+  using Counter = std::atomic<long>;
+  using Pointee = std::remove_cv_t<std::remove_pointer_t<T>>;
+
+  static constexpr bool kIsText =
+      std::is_pointer_v<T> && (std::is_same_v<Pointee, char> || std::is_same_v<Pointee, wchar_t>);
+  static constexpr bool kCanOwn =
+      std::is_pointer_v<T> && std::is_object_v<std::remove_pointer_t<T>>;
+
+  // The holder count sits in one extra slot in front of slot 0.
+  static_assert(sizeof(Counter) <= sizeof(Entry*) && alignof(Counter) <= alignof(Entry*),
+                "the holder count must fit the slot in front of the table");
+
+  static Entry** Base(Entry** table) { return table - 1; }
+  static Counter& Holders(Entry** table) { return *reinterpret_cast<Counter*>(Base(table)); }
+  static void Hold(Entry** table) {
+    if (table != nullptr) Holders(table).fetch_add(1);
+  }
+
+  // A table of `slots` null slots with one holder, or null.
+  static Entry** NewTable(int slots) {
+    void* base = std::malloc(TableBytes(slots));
+    if (base == nullptr) return nullptr;
+    Entry** table = static_cast<Entry**>(base) + 1;
+    new (base) Counter(1);
+    for (int i = 0; i < slots; ++i) table[i] = nullptr;
+    return table;
+  }
+
+  static std::size_t TableBytes(int slots) {
+    return (static_cast<std::size_t>(slots) + 1) * sizeof(Entry*);
+  }
+
+  // A table that can't be had or grown leaves the array as it was, and Add reports -1: nothing
+  // is ever written through a null table.
+  bool Grow() {
+    const int step = growStep < 2 ? 2 : growStep;
+    if (entries == nullptr) {
+      Entry** table = NewTable(step);
+      if (table == nullptr) return false;
+      entries = table;
+      capacity = step;
+      count = 0;
+      return true;
+    }
+    if (capacity > INT_MAX - step ||
+        static_cast<std::size_t>(capacity) + step >= SIZE_MAX / sizeof(Entry*) - 1) {
+      return false;
+    }
+    const int grown = capacity + step;
+    if (Holders(entries).load() == 1) {
+      void* base = std::realloc(Base(entries), TableBytes(grown));
+      if (base == nullptr) return false;
+      entries = static_cast<Entry**>(base) + 1;
+      for (int i = capacity; i < grown; ++i) entries[i] = nullptr;
+      capacity = grown;
+      return true;
+    }
+    return GrowShared(grown);
+  }
+
+  // Moves this copy to a table of its own, as the class comment says.
+  bool GrowShared(int grown) {
+    Entry** table = NewTable(grown);
+    if (table == nullptr) return false;
+    const int used = count < capacity ? count : capacity;
+    for (int i = 0; i < used; ++i) {
+      if (entries[i] != nullptr) table[i] = new (std::nothrow) Entry{entries[i]->value, false};
+    }
+    Entry** shared = entries;
+    const int shared_capacity = capacity;
+    entries = table;
+    capacity = grown;
+    if (Holders(shared).fetch_sub(1) == 1) {
+      // The other holders let go meanwhile (on other threads): the old table is this copy's to
+      // release, and the values that the new records carry become theirs to own.
+      for (int i = 0; i < shared_capacity; ++i) {
+        Entry* entry = shared[i];
+        if (entry == nullptr) continue;
+        if (i < used && table[i] != nullptr) {
+          table[i]->owned = entry->owned;
+        } else if (entry->owned) {
+          ReleaseValue(entry->value);
+        }
+        delete entry;
+      }
+      Holders(shared).~Counter();
+      std::free(Base(shared));
+    }
+    return true;
+  }
+
+  // What an owned record holds for `value`: a private copy of a text, else the value itself.
+  static T TakeValue(T value) {
+    if constexpr (kIsText) {
+      if (value == nullptr) return nullptr;
+      std::size_t length = 0;
+      while (value[length] != 0) ++length;
+      Pointee* copy = new (std::nothrow) Pointee[length + 1];
+      if (copy == nullptr) return nullptr;
+      for (std::size_t i = 0; i <= length; ++i) copy[i] = value[i];
+      return copy;
+    } else {
+      return value;
+    }
+  }
+
+  static void ReleaseValue(T value) {
+    if constexpr (kIsText) {
+      delete[] value;
+    } else if constexpr (kCanOwn) {
+      delete value;
+    } else {
+      (void)value;
+    }
+  }
+};
+
+#endif  // TERNCORELIB_FOUNDATION_X_ARRAY_H_
