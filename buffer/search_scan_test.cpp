@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <clocale>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -213,65 +212,6 @@ TEST(SearchScanTest, LongTermWithCappedShifts) {
   const std::string text = std::string(100, 'a') + term + "x" + term;
   const auto got = Scan(text, Query(term.c_str()), 0, '\n');
   EXPECT_EQ((Results{Result(1, 0), Result(1, 0)}), got.results);
-}
-
-// The scan against the plain reference for random texts and terms, every flag combination, both
-// line delimiters, with and without a stop callback (which takes the step-by-step route), and with
-// every route allowed at any text length, in both instruction sets (AVX2 where the processor
-// has it).
-template <typename T>
-void CompareWithReference(std::uint32_t seed, int texts) {
-  std::mt19937 rng(seed);
-  int cases = 0;
-  std::size_t occurrences = 0;
-  for (int round = 0; round < texts; ++round) {
-    const std::basic_string<T> text = search_test::RandomText<T>(rng);
-    const std::basic_string<T> term = search_test::RandomTerm(rng, text);
-    const bool prepared_caseless = rng() % 2 == 0;
-    for (unsigned long flags = 0; flags < 4; ++flags) {
-      const CSearchQuery<T> query = Query(term.c_str(), prepared_caseless || (flags & 1) != 0);
-      for (T delimiter : {static_cast<T>('\n'), static_cast<T>(0)}) {
-        SCOPED_TRACE(testing::Message() << "seed " << seed << " round " << round << " flags "
-                                        << flags << " delimiter " << int(delimiter));
-        const Results expected = search_test::NaiveSearch(text, term, flags, delimiter);
-        const auto fast = Scan(text, query, flags, delimiter);
-        ASSERT_EQ(expected, fast.results);
-        ASSERT_EQ(expected.size(), fast.found);
-        const auto polled = Scan(text, query, flags, delimiter, &NeverStop);
-        ASSERT_EQ(expected, polled.results);
-        const auto eager = Scan(text, query, flags, delimiter, nullptr, nullptr, kEager);
-        ASSERT_EQ(expected, eager.results);
-        const auto sse2 = Scan(text, query, flags, delimiter, nullptr, nullptr, kEagerSse2);
-        ASSERT_EQ(expected, sse2.results);
-        ++cases;
-        occurrences += expected.size();
-      }
-    }
-  }
-  EXPECT_EQ(texts * 8, cases);
-  EXPECT_GT(occurrences, static_cast<std::size_t>(cases) / 2) << "the texts should hold many matches";
-}
-
-TEST(SearchScanTest, NarrowMatchesReference) { CompareWithReference<char>(1, 1300); }
-TEST(SearchScanTest, WideMatchesReference) { CompareWithReference<wchar_t>(2, 1300); }
-
-// The same under a locale that folds beyond ASCII (0xE9 and 0xC9, U+0100 and U+0101).
-class LocaleScope {
- public:
-  explicit LocaleScope(const char* name) : ok_(std::setlocale(LC_ALL, name) != nullptr) {}
-  ~LocaleScope() { std::setlocale(LC_ALL, "C"); }
-  bool ok() const { return ok_; }
-
- private:
-  bool ok_;
-};
-
-TEST(SearchScanTest, MatchesReferenceUnderAFoldingLocale) {
-  LocaleScope locale("English_United States.1252");
-  ASSERT_TRUE(locale.ok());
-  ASSERT_EQ(1, KVT::search_internal::CharEqual("\xE9", "\xC9", true));
-  CompareWithReference<char>(3, 300);
-  CompareWithReference<wchar_t>(4, 300);
 }
 
 }  // namespace

@@ -147,7 +147,8 @@ std::basic_string<T> RandomText(std::mt19937& rng) {
 template <typename T>
 std::basic_string<T> RandomTerm(std::mt19937& rng, const std::basic_string<T>& text) {
   std::basic_string<T> term;
-  const std::size_t m = 1 + rng() % 6;
+  // Mostly short; now and then long enough for the vector comparison of whole terms.
+  const std::size_t m = rng() % 8 == 0 ? 1 + rng() % 40 : 1 + rng() % 6;
   if (!text.empty() && rng() % 4 != 0) {
     const std::size_t len = m < text.size() ? m : text.size();
     std::size_t at = rng() % (text.size() - len + 1);
