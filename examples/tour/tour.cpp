@@ -9,6 +9,7 @@ int main() {
   std::printf("TernCoreLib tour\n");
   bool ok = true;
   ok &= TourFoundation();
+  ok &= TourSearch();
   ok &= TourSync();
   std::printf("\n%s\n", ok ? "The tour is over." : "The tour saw something go wrong.");
   return ok ? 0 : 1;
