@@ -36,6 +36,8 @@ class RecordingReporter : public benchmark::ConsoleReporter {
     for (const Comparison& c : Comparisons()) {
       auto subject = ns_per_iteration_.find(c.subject);
       auto peer = ns_per_iteration_.find(c.peer);
+      // Pairs that a --benchmark_filter left out entirely are not listed.
+      if (subject == ns_per_iteration_.end() && peer == ns_per_iteration_.end()) continue;
       if (subject == ns_per_iteration_.end() || peer == ns_per_iteration_.end()) {
         std::printf("%-56s %14s %14s %8s\n", c.label.c_str(), "-", "-", "n/a");
         continue;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <type_traits>
 
+#include "buffer/search_query.h"
 #include "foundation/export.h"
 #include "foundation/x_array.h"
 
@@ -157,9 +158,74 @@ class CBuffer {
   // With `stream` null: line `index` of the table, or null for an index outside it.
   T* GetNext(FILE*& stream, int index);
 
-  // Search and results: see buffer_search.cpp
-  // (A search makes `results` with new XArray<std::uint64_t>(kResultGrowStep) when it is null;
-  // Reset, Load, Free, assignment and destruction above take care of it from then on.)
+  // Search and results (buffer_search.cpp). A search finds the occurrences of a prepared term
+  // and records for each one result, the line on which it begins: the offset of that line's
+  // first character from the start of the searched text in the high 32 bits, the line number
+  // (from 1) in the low 32. Results stand in text order, two occurrences on one line give two
+  // equal results, and occurrences never overlap: after each one, recorded or rejected as no
+  // whole word, the scan moves on by the term's length. Where in its line an occurrence stands
+  // is not kept.
+  //
+  // flags: 1 compares ignoring case (the query must have been prepared caseless), as
+  // _strnicmp / _wcsnicmp do one character at a time; 2 takes whole words only, with the start
+  // and end of the text as word delimiters (see IsWordDelimeter). Other bits are ignored.
+  //
+  // A search that runs makes `results` (new XArray<std::uint64_t>(kResultGrowStep)) or empties
+  // it first, and the table then holds its results alone; a search refused at the start leaves
+  // the former results in place. Reset, Load, Free, assignment and destruction above take care
+  // of the table. Result cells are reused from search to search.
+
+  // Searches text[0 .. length - 1], with a line beginning at the start and behind each
+  // `lineDelimiter`; zeros in the text are ordinary characters. Gives the number of results
+  // recorded. Refused (0, former results kept) for a null `text`, a `length` below 1 and an
+  // empty query. A term longer than the text gives 0 with the table emptied.
+  // `stop`, if not null, is called with `stopArg` once per alignment of the term on the text, as
+  // the Horspool scan defined by the query's shift table steps through them, before that
+  // alignment is examined; true ends the search, keeping the results so far. Without `stop` the
+  // search may examine the text in any order that records the same results.
+  // `text` may be any memory: GetResult and GetResultLength read results against this buffer's
+  // own text, so they mean something only when `text` is `data`.
+  unsigned long Search(const T* text, int length, unsigned long flags, CSearchQuery<T>& query,
+                       bool (*stop)(void*), void* stopArg, T lineDelimiter);
+  // Reads the file of `file` (a Windows file handle) from its current position into the block,
+  // sets `length` to the characters read (in the wide form 16-bit units in machine order, an odd
+  // last byte dropped) and searches that text with LF as the line delimiter; CR and any
+  // byte-order mark stay in the text. The line table is not touched. 0 with `length` and the
+  // results untouched when the size can't be had, the file is empty (a buffer without a block
+  // then allocates nothing), reading fails, or fewer bytes are read than the term has
+  // characters; the block may then already hold file content.
+  unsigned long Search(void* file, unsigned long flags, CSearchQuery<T>& query,
+                       bool (*stop)(void*), void* stopArg);
+  // Searches the buffer's own text with zero as the line delimiter, which fits text cut by
+  // ToLines, Split or Load; uncut text is one line. 0 with the results kept for a buffer without
+  // a block or with an empty text.
+  unsigned long Search(unsigned long flags, CSearchQuery<T>& query);
+
+  // The number of results of the last search; 0 before any.
+  int GetResultCount();
+  // The start of the line of result `index` in this buffer's text, with its number in `line`.
+  // Null, and `line` untouched, for an index at or above the count, without a table, and for a
+  // line start beyond `length` (a result of a search over other memory). A negative index reads
+  // the table's zero default: `data`, with line 0.
+  T* GetResult(int index, int& line);
+  // The length of that line in characters, up to LF, CR, a zero character or `length`, whatever
+  // the delimiter of the search was; 0 where GetResult gives null.
+  int GetResultLength(int index);
+
+  // 1 if the characters at `a` and `b` are equal, by value or, with `caseless`, by
+  // _strnicmp / _wcsnicmp of one character (which follow the C runtime's locale); 0 if not or if
+  // either pointer is null.
+  static int CharEqual(const char* a, const char* b, bool caseless);
+  static int CharEqual(const wchar_t* a, const wchar_t* b, bool caseless);
+  // 1 for a character that separates words: below 33 (a narrow char taken as signed, so every
+  // byte above 127 separates words whatever the locale says), isspace / iswspace, and anything
+  // that isalnum / iswalnum refuses, the underscore included; 0 for alphanumerics.
+  static int IsWordDelimeter(char ch);
+  static int IsWordDelimeter(wchar_t ch);
+  // Whether isprint / iswprint accepts the character at `ch` (a narrow one as its unsigned byte
+  // value); false for null.
+  static bool IsPrintable(const char* ch);
+  static bool IsPrintable(const wchar_t* ch);
 
   int capacity;                     // Bytes of text storage, the terminator's room not counted.
   XArray<std::uint64_t>* results;   // The results of the last search, owned; null before one.

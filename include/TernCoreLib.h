@@ -4,6 +4,7 @@
 // The whole public interface of TernCoreLib.dll.
 
 #include "buffer/buffer.h"
+#include "buffer/search_query.h"
 #include "foundation/base64.h"
 #include "foundation/event.h"
 #include "foundation/memory.h"

@@ -10,6 +10,7 @@ int main() {
   bool ok = true;
   ok &= TourFoundation();
   ok &= TourText();
+  ok &= TourSearch();
   ok &= TourSync();
   ok &= TourXml();
   ok &= TourNet();

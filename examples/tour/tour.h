@@ -4,6 +4,7 @@
 // One section of the tour per subsystem; each prints what it shows and returns false if the
 // library did not behave as the section expects, so that the tour fails as a test.
 bool TourFoundation();
+bool TourSearch();
 bool TourSync();
 bool TourNet();
 bool TourText();

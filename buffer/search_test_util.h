@@ -1,0 +1,169 @@
+#ifndef TERNCORELIB_BUFFER_SEARCH_TEST_UTIL_H_
+#define TERNCORELIB_BUFFER_SEARCH_TEST_UTIL_H_
+
+// References and random material for the search tests. The references are deliberately plain and
+// share no code with the library's scan.
+
+#include <cctype>
+#include <cstdint>
+#include <cwctype>
+#include <random>
+#include <string>
+#include <string.h>
+#include <vector>
+#include <wchar.h>
+
+#include "buffer/search_query.h"
+
+namespace search_test {
+
+using Results = std::vector<std::uint64_t>;
+
+inline std::uint64_t Result(std::uint32_t line, std::uint32_t line_start) {
+  return (static_cast<std::uint64_t>(line_start) << 32) | line;
+}
+
+inline bool SameChar(char a, char b, bool caseless) {
+  return a == b || (caseless && _strnicmp(&a, &b, 1) == 0);
+}
+inline bool SameChar(wchar_t a, wchar_t b, bool caseless) {
+  return a == b || (caseless && _wcsnicmp(&a, &b, 1) == 0);
+}
+
+inline bool Separates(char ch) {
+  return static_cast<signed char>(ch) < 33 || std::isspace(ch) || !std::isalnum(ch);
+}
+inline bool Separates(wchar_t ch) { return ch < 33 || std::iswspace(ch) || !std::iswalnum(ch); }
+
+template <typename T>
+bool WholeWordAt(const std::basic_string<T>& text, std::size_t pos, std::size_t m) {
+  const bool before = pos == 0 || Separates(text[pos - 1]);
+  const bool after = pos + m == text.size() || Separates(text[pos + m]);
+  return before && after;
+}
+
+// Line number and line start of `pos`: delimiters strictly before it, counted from the start.
+template <typename T>
+std::uint64_t LineOf(const std::basic_string<T>& text, std::size_t pos, T delimiter) {
+  std::uint32_t line = 1;
+  std::uint32_t start = 0;
+  for (std::size_t i = 0; i < pos; ++i) {
+    if (text[i] == delimiter) {
+      ++line;
+      start = static_cast<std::uint32_t>(i + 1);
+    }
+  }
+  return Result(line, start);
+}
+
+// Every alignment from left to right; after an occurrence (recorded or not) on by the term's
+// length. This is what the search must find whenever its shift table is sound.
+template <typename T>
+Results NaiveSearch(const std::basic_string<T>& text, const std::basic_string<T>& term,
+                    unsigned long flags, T delimiter) {
+  Results out;
+  const std::size_t m = term.size();
+  if (m == 0) return out;
+  std::size_t pos = 0;
+  while (pos + m <= text.size()) {
+    bool match = true;
+    for (std::size_t k = 0; k < m && match; ++k) match = SameChar(text[pos + k], term[k], flags & 1);
+    if (!match) {
+      ++pos;
+      continue;
+    }
+    if ((flags & 2) == 0 || WholeWordAt(text, pos, m)) out.push_back(LineOf(text, pos, delimiter));
+    pos += m;
+  }
+  return out;
+}
+
+// The Horspool scan step by step as the search defines it, with the line count run over every
+// skipped character. Follows whatever table the query holds, sound or not. `polls` counts the
+// alignments examined.
+template <typename T>
+Results LiteralScan(const std::basic_string<T>& text, const KVT::CSearchQuery<T>& query,
+                    unsigned long flags, T delimiter, int* polls = nullptr) {
+  Results out;
+  const int n = static_cast<int>(text.size());
+  const int m = query.termLength;
+  if (polls != nullptr) *polls = 0;
+  if (n == 0 || m == 0 || m > n) return out;
+  int pos = 0;
+  int scanned = 0;
+  std::uint32_t line = 1;
+  std::uint32_t line_start = 0;
+  for (;;) {
+    if (polls != nullptr) ++*polls;
+    for (int i = scanned; i < pos; ++i) {
+      if (text[i] == delimiter) {
+        ++line;
+        line_start = static_cast<std::uint32_t>(i + 1);
+      }
+    }
+    scanned = pos;
+    bool match = SameChar(text[pos + m - 1], query.term[m - 1], flags & 1);
+    for (int k = 0; match && k < m - 1; ++k) match = SameChar(text[pos + k], query.term[k], flags & 1);
+    if (match) {
+      if ((flags & 2) == 0 || WholeWordAt(text, static_cast<std::size_t>(pos),
+                                          static_cast<std::size_t>(m))) {
+        out.push_back(Result(line, line_start));
+      }
+      pos += m;
+    } else {
+      const unsigned b = KVT::CSearchQuery<T>::ToBase(text[pos + m - 1]);
+      pos += b < query.tableSize ? query.shiftTable[b] : m;
+    }
+    if (pos + m > n) break;
+  }
+  return out;
+}
+
+// Alphabets for random texts: letters in both cases, word delimiters, both line delimiters, and
+// characters beyond 7 bits (narrow: bytes that share a table entry, 0xE9 and 0x17; wide: code
+// units above 255, a case pair among them).
+inline std::basic_string<char> AlphabetOf(char) {
+  return std::string("abAB _\n\0\xE9\x17\xC9.", 13);
+}
+inline std::basic_string<wchar_t> AlphabetOf(wchar_t) {
+  return std::wstring(L"abAB _\n\0\x100\x101\x3A3\x3C3\x4E00\xE9\x17", 15);
+}
+
+// A random text over a random part of the alphabet (small parts make matches and overlaps
+// common), mostly short, sometimes long enough for the vector paths and their tails.
+template <typename T>
+std::basic_string<T> RandomText(std::mt19937& rng) {
+  const std::basic_string<T> alphabet = AlphabetOf(T());
+  const std::size_t used = 2 + rng() % (alphabet.size() - 1);
+  const std::size_t first = rng() % (alphabet.size() - used + 1);
+  const std::size_t length = rng() % 8 == 0 ? rng() % 300 : rng() % 48;
+  std::basic_string<T> text;
+  for (std::size_t i = 0; i < length; ++i) text += alphabet[first + rng() % used];
+  return text;
+}
+
+// A term without zero characters: often a piece of the text, at its very start or end now and
+// then; otherwise random.
+template <typename T>
+std::basic_string<T> RandomTerm(std::mt19937& rng, const std::basic_string<T>& text) {
+  std::basic_string<T> term;
+  // Mostly short; now and then long enough for the vector comparison of whole terms.
+  const std::size_t m = rng() % 8 == 0 ? 1 + rng() % 40 : 1 + rng() % 6;
+  if (!text.empty() && rng() % 4 != 0) {
+    const std::size_t len = m < text.size() ? m : text.size();
+    std::size_t at = rng() % (text.size() - len + 1);
+    if (rng() % 4 == 0) at = rng() % 2 == 0 ? 0 : text.size() - len;
+    term = text.substr(at, len);
+  } else {
+    const std::basic_string<T> alphabet = AlphabetOf(T());
+    for (std::size_t i = 0; i < m; ++i) term += alphabet[rng() % alphabet.size()];
+  }
+  for (T& ch : term) {
+    if (ch == 0) ch = static_cast<T>('a');
+  }
+  return term;
+}
+
+}  // namespace search_test
+
+#endif  // TERNCORELIB_BUFFER_SEARCH_TEST_UTIL_H_
