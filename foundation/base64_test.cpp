@@ -16,13 +16,12 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 
 constexpr unsigned char kJunk = 0xCD;
+const std::string kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 Bytes BytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
 // A plain RFC 4648 encoder, symbol by symbol, with the RFC's padding.
 std::string StandardEncode(const Bytes& bytes) {
-  static const char kAlphabet[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string text;
   for (std::size_t i = 0; i < bytes.size(); i += 3) {
     const std::size_t left = bytes.size() - i;
@@ -47,49 +46,21 @@ std::string ShortenedEncode(const Bytes& bytes) {
   return text;
 }
 
-// The decoding steps one by one, on 8-bit values, as the format's description gives them.
+// The decoding steps one by one, on 8-bit values, as the format's description gives them: the
+// symbols up to the first pad count, a character outside the alphabet is 0xFF, and a last byte
+// of a padded group that carries only zero bits is dropped.
 int PlainDecodeGroup(const unsigned char* c, unsigned char* out) {
-  auto value = [](unsigned char ch) -> std::uint8_t {
-    if (ch >= 'A' && ch <= 'Z') return ch - 'A';
-    if (ch >= 'a' && ch <= 'z') return ch - 'a' + 26;
-    if (ch >= '0' && ch <= '9') return ch - '0' + 52;
-    if (ch == '+') return 62;
-    if (ch == '/') return 63;
-    return 0xFF;
-  };
-  if (c[0] == '=') return 0;
-  std::uint8_t o0 = static_cast<std::uint8_t>(value(c[0]) << 2);
-  if (c[1] == '=') {
-    out[0] = o0;
-    return 1;
-  }
-  const std::uint8_t s1 = value(c[1]);
-  o0 |= s1 >> 4;
-  out[0] = o0;
-  int count = 1;
-  std::uint8_t o1 = 0;
-  if ((s1 & 15) != 0 || c[2] != '=') {
-    count = 2;
-    o1 = static_cast<std::uint8_t>(s1 << 4);
-  }
-  if (c[2] == '=') {
-    if (count == 2) out[1] = o1;
-    return count;
-  }
-  const std::uint8_t s2 = value(c[2]);
-  o1 |= s2 >> 2;
-  out[1] = o1;
-  std::uint8_t o2 = 0;
-  if ((s2 & 3) != 0 || c[3] != '=') {
-    ++count;
-    o2 = static_cast<std::uint8_t>(s2 << 6);
-  }
-  if (c[3] == '=') {
-    if (count == 3) out[2] = o2;
-    return count;
-  }
-  out[2] = o2 | value(c[3]);
-  return count;
+  std::uint8_t v[4];
+  int symbols = 0;
+  while (symbols < 4 && c[symbols] != '=') ++symbols;
+  for (int i = 0; i < 4; ++i) v[i] = static_cast<std::uint8_t>(kAlphabet.find(c[i]));
+  if (symbols == 0) return 0;
+  out[0] = static_cast<std::uint8_t>(v[0] << 2 | (symbols > 1 ? v[1] >> 4 : 0));
+  if (symbols == 1) return 1;
+  out[1] = static_cast<std::uint8_t>(v[1] << 4 | (symbols > 2 ? v[2] >> 2 : 0));
+  if (symbols == 2) return (v[1] & 15) != 0 ? 2 : 1;
+  out[2] = static_cast<std::uint8_t>(v[2] << 6 | (symbols > 3 ? v[3] : 0));
+  return symbols == 4 || (v[2] & 3) != 0 ? 3 : 2;
 }
 
 Bytes PlainDecode(const std::string& text) {
@@ -190,6 +161,7 @@ TEST(Base64Encode, Rfc4648VectorsAndShortenedLastGroups) {
   }
 }
 
+// Every route against a plain encoder, and the standard's own texts decode to the bytes.
 TEST(Base64Encode, MatchesTheStandardButForTheLastGroup) {
   for (Via via : AllWays()) {
     SCOPED_TRACE(static_cast<int>(via));
@@ -198,12 +170,13 @@ TEST(Base64Encode, MatchesTheStandardButForTheLastGroup) {
       const Bytes bytes = RandomBytes(rng, round < 2000 ? 40 : 3000);
       SCOPED_TRACE(round);
       ASSERT_EQ(ShortenedEncode(bytes), Encode(bytes, via));
+      ASSERT_EQ(bytes, Decode(StandardEncode(bytes), via));
     }
   }
 }
 
-TEST(Base64Encode, NothingToEncodeWritesNothing) {
-  unsigned char source[3] = {1, 2, 3};
+TEST(Base64, BadArgumentsWriteNothing) {
+  unsigned char source[] = "YWJj";
   unsigned char out[4] = {kJunk, kJunk, kJunk, kJunk};
   for (int count : {0, -1}) {
     int length = -1;
@@ -214,11 +187,17 @@ TEST(Base64Encode, NothingToEncodeWritesNothing) {
   EXPECT_EQ(out, KVT::Base64Encode(nullptr, out, 3, &length));
   EXPECT_EQ(0, length);
   EXPECT_EQ(nullptr, KVT::Base64Encode(source, nullptr, 3, &length));
+  EXPECT_EQ(0, KVT::Base64Decode(nullptr, out, 4, nullptr));
+  EXPECT_EQ(0, KVT::Base64Decode(source, nullptr, 4, nullptr));
+  EXPECT_EQ(0, KVT::Base64Decode(source, out, -4, nullptr));
+  EXPECT_EQ(0, KVT::Base64Decode(source, out, 3, nullptr));
   EXPECT_EQ(kJunk, out[0]);
   EXPECT_EQ(out, KVT::Base64Encode(source, out, 3, nullptr));  // No length wanted.
-  EXPECT_EQ("AQID", std::string(out, out + 4));
+  EXPECT_EQ("WVdK", std::string(out, out + 4));
 }
 
+// Every byte string of one or two bytes; random ones of any length, also several encoded texts
+// one after the other.
 TEST(Base64Decode, EveryInputSurvivesButATrailingZeroOfAPair) {
   for (unsigned b0 = 0; b0 < 256; ++b0) {
     const Bytes one = {static_cast<unsigned char>(b0)};
@@ -228,51 +207,12 @@ TEST(Base64Decode, EveryInputSurvivesButATrailingZeroOfAPair) {
       ASSERT_EQ(b1 == 0 ? one : pair, Decode(Encode(pair))) << b0 << " " << b1;
     }
   }
-  std::mt19937 rng(17);
-  for (int round = 0; round < 2000; ++round) {
-    Bytes bytes = RandomBytes(rng, 500);
-    const std::string text = Encode(bytes);
-    if (bytes.size() % 3 == 2 && bytes.back() == 0) bytes.pop_back();
-    SCOPED_TRACE(text);
-    ASSERT_EQ(bytes, Decode(text));
-  }
-}
-
-TEST(Base64Decode, TakesTheStandardForms) {
-  const struct { std::string text; std::string bytes; } kCases[] = {
-      {"QVA=", "AP"}, {"QA==", "@"}, {"QQ==", "A"}, {"QR==", "A\x10"},
-      {"Zm9vYmE=", "fooba"}, {"AA==", std::string("\0", 1)},
-  };
-  for (const auto& row : kCases) {
-    SCOPED_TRACE(row.text);
-    EXPECT_EQ(BytesOf(row.bytes), Decode(row.text));
-  }
-  std::mt19937 rng(10);
-  for (int round = 0; round < 2000; ++round) {
-    const Bytes bytes = RandomBytes(rng, 100);
-    ASSERT_EQ(bytes, Decode(StandardEncode(bytes))) << StandardEncode(bytes);
-  }
-}
-
-TEST(Base64Decode, PadsEndAGroupAndAFirstPadEndsTheText) {
-  const struct { std::string text; std::string bytes; } kCases[] = {
-      {"====", ""}, {"YWJj====YWJj", "abc"}, {"QQ==QQ==", "AA"}, {"Q===YWJj", "@abc"},
-      {"YWI=YWJj", "ababc"}, {"=AAA", ""}, {"Q=AA", "@"}, {"QQ=A", "A"},
-      {"YWJj", "abc"}, {"YWJjQQ", "abc"}, {"QQ", ""}, {"Q", ""}, {"", ""},
-  };
-  for (const auto& row : kCases) {
-    SCOPED_TRACE(row.text);
-    EXPECT_EQ(BytesOf(row.bytes), Decode(row.text));
-  }
-}
-
-TEST(Base64Decode, ConcatenatedTextsDecodeWithoutAGap) {
   std::mt19937 rng(99);
-  for (int round = 0; round < 1000; ++round) {
+  for (int round = 0; round < 2000; ++round) {
     Bytes expected;
     std::string text;
-    for (int part = 0; part < 4; ++part) {
-      Bytes bytes = RandomBytes(rng, 20);
+    for (unsigned part = 0, parts = 1 + rng() % 4; part < parts; ++part) {
+      Bytes bytes = RandomBytes(rng, parts == 1 ? 500 : 20);
       text += Encode(bytes);
       if (bytes.size() % 3 == 2 && bytes.back() == 0) bytes.pop_back();
       expected.insert(expected.end(), bytes.begin(), bytes.end());
@@ -281,51 +221,46 @@ TEST(Base64Decode, ConcatenatedTextsDecodeWithoutAGap) {
   }
 }
 
-TEST(Base64Decode, ForeignBytesCountAsAllOnes) {
-  // 0xFF for every character outside the alphabet, its bits spilling over: " " in place of a
-  // symbol, and a line break.
-  const struct { std::string text; Bytes bytes; } kCases[] = {
-      {"Q A=", {0x4F, 0xF0}}, {"YWJj\nYWJ", {'a', 'b', 'c', 0xFD, 0x85, 0x89}},
-      {std::string("\0\0\0\0", 4), {0xFF, 0xFF, 0xFF}}, {"Q\xFF==", {0x4F, 0xF0}},
+// The standard's forms; pads end a group and a group that starts with one ends the text; a
+// character outside the alphabet counts as 0xFF, its bits spilling over.
+TEST(Base64Decode, WorkedExamples) {
+  const struct { std::string text; std::string bytes; } kCases[] = {
+      {"QVA=", "AP"}, {"QA==", "@"}, {"QQ==", "A"}, {"QR==", "A\x10"}, {"Zm9vYmE=", "fooba"},
+      {"AA==", std::string("\0", 1)}, {"====", ""}, {"YWJj====YWJj", "abc"}, {"QQ==QQ==", "AA"},
+      {"Q===YWJj", "@abc"}, {"YWI=YWJj", "ababc"}, {"=AAA", ""}, {"Q=AA", "@"}, {"QQ=A", "A"},
+      {"YWJj", "abc"}, {"YWJjQQ", "abc"}, {"QQ", ""}, {"Q", ""}, {"", ""},
+      {"Q A=", "\x4F\xF0"}, {"YWJj\nYWJ", "abc\xFD\x85\x89"},
+      {std::string("\0\0\0\0", 4), "\xFF\xFF\xFF"}, {"Q\xFF==", "\x4F\xF0"},
   };
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.text);
-    EXPECT_EQ(row.bytes, Decode(row.text));
+    EXPECT_EQ(BytesOf(row.bytes), Decode(row.text));
   }
 }
 
 // Random text that is mostly symbols, with pads and foreign bytes mixed in at `odd_per_mille`.
 std::string RandomText(std::mt19937& rng, std::size_t max_length, unsigned odd_per_mille) {
-  static const char kSymbols[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   static const char kOdd[] = {'=', '=', '=', '\xFF', ' ', '\n', '\0', '\x80', '-', '_'};
   std::string text(rng() % (max_length + 1), 'A');
   for (char& c : text) {
-    c = rng() % 1000 >= odd_per_mille ? kSymbols[rng() % 64] : kOdd[rng() % sizeof kOdd];
+    c = rng() % 1000 >= odd_per_mille ? kAlphabet[rng() % 64] : kOdd[rng() % sizeof kOdd];
   }
   return text;
 }
 
-// Every route against the plain steps, on texts of every length in which runs of whole groups
-// keep meeting groups that need the exact rules.
+// Every route against the plain steps: on texts of every length in which runs of whole groups
+// keep meeting groups that need the exact rules, and with each byte value in each place of a
+// block of symbols long enough for every route's widest step.
 TEST(Base64Decode, AgreesWithThePlainStepsOnAnyText) {
+  const std::string symbols = "QUJDREVGR0hJSktMTU5PUFFSU1RVVldY";
   for (Via via : AllWays()) {
     SCOPED_TRACE(static_cast<int>(via));
     std::mt19937 rng(1234);
     for (int round = 0; round < 20000; ++round) {
       const unsigned kOddPerMille[] = {300, 30, 3, 0};
       const std::string text = RandomText(rng, 200, kOddPerMille[round % 4]);
-      SCOPED_TRACE(round);
-      ASSERT_EQ(PlainDecode(text), Decode(text, via));
+      ASSERT_EQ(PlainDecode(text), Decode(text, via)) << round;
     }
-  }
-}
-
-// Each byte value in each place of a block of symbols long enough for every route's widest step.
-TEST(Base64Decode, AgreesWithThePlainStepsOnEveryByteInEveryPlace) {
-  const std::string symbols = "QUJDREVGR0hJSktMTU5PUFFSU1RVVldY";
-  for (Via via : AllWays()) {
-    SCOPED_TRACE(static_cast<int>(via));
     for (unsigned byte = 0; byte < 256; ++byte) {
       for (std::size_t place = 0; place < symbols.size(); ++place) {
         std::string text = symbols;
@@ -334,16 +269,6 @@ TEST(Base64Decode, AgreesWithThePlainStepsOnEveryByteInEveryPlace) {
       }
     }
   }
-}
-
-TEST(Base64Decode, BadArgumentsGiveZero) {
-  unsigned char text[] = "YWJj";
-  unsigned char out[4] = {kJunk, kJunk, kJunk, kJunk};
-  EXPECT_EQ(0, KVT::Base64Decode(nullptr, out, 4, nullptr));
-  EXPECT_EQ(0, KVT::Base64Decode(text, nullptr, 4, nullptr));
-  EXPECT_EQ(0, KVT::Base64Decode(text, out, -4, nullptr));
-  EXPECT_EQ(0, KVT::Base64Decode(text, out, 3, nullptr));
-  EXPECT_EQ(kJunk, out[0]);
 }
 
 std::size_t HeapBlockSize(const void* block) {
@@ -359,23 +284,17 @@ TEST(Base64Allocating, EncodeGivesAnExactHeapBlock) {
   EXPECT_EQ(8u, HeapBlockSize(text));  // No room for a terminator: the length is the end.
   EXPECT_EQ("YWJjQ===", std::string(text, text + 8));
   KVT::MemFree(text);
-
-  length = -1;
-  EXPECT_EQ(nullptr, KVT::Base64Encode(bytes, 0, &length));
-  EXPECT_EQ(0, length);
-  length = -1;
-  EXPECT_EQ(nullptr, KVT::Base64Encode(nullptr, 4, &length));
-  EXPECT_EQ(0, length);
-}
-
-TEST(Base64Allocating, EncodeStringCodesTheTextWithoutItsTerminator) {
-  int length = -1;
-  unsigned char* text = KVT::Base64EncodeString("ab", &length);
+  text = KVT::Base64EncodeString("ab", &length);  // The text without its terminator.
   ASSERT_NE(nullptr, text);
   EXPECT_EQ(4, length);
   EXPECT_EQ("YWI=", std::string(text, text + 4));
   KVT::MemFree(text);
 
+  for (int count : {0, 4}) {
+    length = -1;
+    EXPECT_EQ(nullptr, KVT::Base64Encode(count == 0 ? bytes : nullptr, count, &length));
+    EXPECT_EQ(0, length);
+  }
   length = -1;
   EXPECT_EQ(nullptr, KVT::Base64EncodeString("", &length));
   EXPECT_EQ(0, length);
@@ -411,17 +330,16 @@ TEST(Base64Allocating, DecodeTerminatesTheBytesInAHeapBlock) {
   KVT::MemFree(block);
 }
 
-TEST(Base64DecodeString, NarrowEndsAtAZeroByte) {
+// Both widths end at a zero byte ("YWIAY2Q=" is "ab\0cd"); the wide one converts through the
+// code page, the narrow one ignores it.
+TEST(Base64DecodeString, BothWidths) {
   EXPECT_STREQ("abc", KVT::Base64DecodeString("YWJj", 0));
-  EXPECT_STREQ("ab", KVT::Base64DecodeString("YWIAY2Q=", 0));  // "ab\0cd"
+  EXPECT_STREQ("ab", KVT::Base64DecodeString("YWIAY2Q=", 0));
   EXPECT_STREQ("", KVT::Base64DecodeString("====", 0));
   EXPECT_STREQ("", KVT::Base64DecodeString("A===", 0));
-  EXPECT_STREQ("ab", KVT::Base64DecodeString("YWI=", 12345));  // The code page isn't used.
+  EXPECT_STREQ("ab", KVT::Base64DecodeString("YWI=", 12345));
   EXPECT_EQ(nullptr, KVT::Base64DecodeString(static_cast<char const*>(nullptr), 0));
   EXPECT_EQ(nullptr, KVT::Base64DecodeString("", 0));
-}
-
-TEST(Base64DecodeString, WideConvertsThroughTheCodePage) {
   EXPECT_STREQ(L"abc", KVT::Base64DecodeString(L"YWJj", 0));
   EXPECT_STREQ(L"ab", KVT::Base64DecodeString(L"YWIAY2Q=", 0));
   // "\xC3\xA9\xE2\x82\xAC" is e-acute and the euro sign in UTF-8.
@@ -434,8 +352,7 @@ TEST(Base64DecodeString, WideConvertsThroughTheCodePage) {
 
 TEST(Base64DecodeString, LongerThanATemporaryStringGivesNull) {
   // 512000 bytes need 512001 characters with the terminator.
-  const Bytes bytes(512000, 'x');
-  std::string text = Encode(bytes);
+  std::string text = Encode(Bytes(512000, 'x'));
   EXPECT_EQ(nullptr, KVT::Base64DecodeString(text.c_str(), 0));
   text.resize(text.size() - 4);
   char const* shorter = KVT::Base64DecodeString(text.c_str(), 0);

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -18,25 +17,16 @@ namespace {
 using KVT::KVTGetTmpString;
 using KVT::internal::TempStringRing;
 
-char* TakeNarrow(std::uint32_t chars = 8) {
-  char* text = nullptr;
-  EXPECT_EQ(1u, KVTGetTmpString(text, chars));
-  return text;
-}
-
-wchar_t* TakeWide(std::uint32_t chars = 8) {
-  wchar_t* text = nullptr;
+template <typename CharT = char>
+CharT* Take(std::uint32_t chars = 8) {
+  CharT* text = nullptr;
   EXPECT_EQ(1u, KVTGetTmpString(text, chars));
   return text;
 }
 
 TEST(TempStringRingTest, HandsOutSlotsInOrderAndWrapsAfter256) {
   TempStringRing<char> ring;
-  for (std::uint32_t round = 0; round < 3; ++round) {
-    for (std::uint32_t expected = 0; expected < 256; ++expected) {
-      ASSERT_EQ(expected, ring.TakeSlot()) << "round " << round;
-    }
-  }
+  for (std::uint32_t take = 0; take < 3 * 256; ++take) ASSERT_EQ(take % 256, ring.TakeSlot());
   for (std::uint32_t slot = 0; slot < 256; ++slot) ring.ReleaseSlot(slot);
 }
 
@@ -45,14 +35,11 @@ TEST(TempStringRingTest, KeepsLargerBlockAndEmptiesItsText) {
   wchar_t* big = ring.Ensure(7, 100);
   ASSERT_NE(nullptr, big);
   std::wmemset(big, L'q', 99);
-  EXPECT_EQ(100u, ring.SlotCapacity(7));
-
   wchar_t* small = ring.Ensure(7, 10);
   EXPECT_EQ(big, small);
   EXPECT_EQ(100u, ring.SlotCapacity(7));
   EXPECT_EQ(L'\0', small[0]);
   EXPECT_EQ(L'q', small[1]) << "reuse clears only the first character";
-
   wchar_t* bigger = ring.Ensure(7, 5000);
   ASSERT_NE(nullptr, bigger);
   EXPECT_EQ(5000u, ring.SlotCapacity(7));
@@ -62,71 +49,50 @@ TEST(TempStringRingTest, KeepsLargerBlockAndEmptiesItsText) {
   EXPECT_EQ(0u, ring.SlotCapacity(7));
 }
 
+// A text stays until 255 further takes, refused ones don't count, and the 256th gets its block
+// back, emptied; a whole round repeats the same blocks when the size stays.
 TEST(TempStringTest, The257thTakeGetsTheFirstBlockAgain) {
-  std::vector<char*> first_round;
-  for (int i = 0; i < 256; ++i) first_round.push_back(TakeNarrow());
-  EXPECT_EQ(256u, std::set<char*>(first_round.begin(), first_round.end()).size());
-  // Same size as before, so no slot needs to move: the next round repeats the same blocks.
-  for (int i = 0; i < 256; ++i) {
-    ASSERT_EQ(first_round[i], TakeNarrow()) << "take " << 257 + i;
-  }
-}
-
-TEST(TempStringTest, TextStaysUntil256FurtherTakes) {
-  char* kept = TakeNarrow(16);
+  char* kept = Take(16);
   std::strcpy(kept, "keep me");
-  for (int i = 0; i < 255; ++i) {
-    char* other = TakeNarrow(16);
-    std::strcpy(other, "scratch");
-  }
-  EXPECT_STREQ("keep me", kept);
-  EXPECT_EQ(kept, TakeNarrow(16));
-  EXPECT_STREQ("", kept) << "the 256th further take reuses the slot";
-}
-
-TEST(TempStringTest, LimitIs512000Characters) {
-  char* narrow = nullptr;
-  EXPECT_EQ(1u, KVTGetTmpString(narrow, 512000));
-  ASSERT_NE(nullptr, narrow);
-  narrow[511999] = 'x';
-  EXPECT_EQ('\0', narrow[0]);
-
-  wchar_t* wide = nullptr;
-  EXPECT_EQ(1u, KVTGetTmpString(wide, KVT::kMaxTempStringChars));
-  ASSERT_NE(nullptr, wide);
-  wide[511999] = L'x';
-
-  char* sentinel = reinterpret_cast<char*>(0x1234);
-  EXPECT_EQ(0u, KVTGetTmpString(sentinel, 512001));
-  EXPECT_EQ(reinterpret_cast<char*>(0x1234), sentinel);
-  EXPECT_EQ(0u, KVTGetTmpString(sentinel, 0));
-  EXPECT_EQ(0u, KVTGetTmpString(sentinel, 0xFFFFFFFFu));
-  EXPECT_EQ(reinterpret_cast<char*>(0x1234), sentinel);
-}
-
-TEST(TempStringTest, RefusedTakeDoesNotMoveTheCursor) {
-  char* before = TakeNarrow();
+  std::vector<char*> first_round = {kept};
   char* unused = nullptr;
   ASSERT_EQ(0u, KVTGetTmpString(unused, 512001));
   ASSERT_EQ(0u, KVTGetTmpString(unused, 0));
-  for (int i = 0; i < 255; ++i) ASSERT_NE(before, TakeNarrow());
-  EXPECT_EQ(before, TakeNarrow());
+  for (int i = 0; i < 255; ++i) {
+    first_round.push_back(Take(16));
+    std::strcpy(first_round.back(), "scratch");
+  }
+  EXPECT_EQ(256u, std::set<char*>(first_round.begin(), first_round.end()).size());
+  EXPECT_STREQ("keep me", kept);
+  for (int i = 0; i < 256; ++i) ASSERT_EQ(first_round[i], Take(16)) << "take " << 257 + i;
+  EXPECT_STREQ("", kept);
+}
+
+TEST(TempStringTest, LimitIs512000Characters) {
+  char* narrow = Take(512000);
+  ASSERT_NE(nullptr, narrow);
+  narrow[511999] = 'x';
+  EXPECT_EQ('\0', narrow[0]);
+  wchar_t* wide = Take<wchar_t>(KVT::kMaxTempStringChars);
+  ASSERT_NE(nullptr, wide);
+  wide[511999] = L'x';
+
+  char* const kSentinel = reinterpret_cast<char*>(0x1234);
+  for (std::uint32_t chars : {512001u, 0u, 0xFFFFFFFFu}) {
+    char* text = kSentinel;
+    EXPECT_EQ(0u, KVTGetTmpString(text, chars)) << chars;
+    EXPECT_EQ(kSentinel, text);
+  }
 }
 
 TEST(TempStringTest, RingsDoNotDisturbEachOther) {
-  wchar_t* wide = TakeWide(32);
+  wchar_t* wide = Take<wchar_t>(32);
   std::wcscpy(wide, L"wide text");
-  wchar_t* next_wide_expected = nullptr;
-  for (int i = 0; i < 1000; ++i) {
-    char* narrow = TakeNarrow(32);
-    std::strcpy(narrow, "narrow text overwriting");
-  }
+  for (int i = 0; i < 1000; ++i) std::strcpy(Take(32), "narrow text overwriting");
   EXPECT_STREQ(L"wide text", wide);
   // The narrow takes did not advance the wide ring either.
-  std::vector<wchar_t*> takes;
-  for (int i = 0; i < 256; ++i) takes.push_back(TakeWide(32));
-  next_wide_expected = takes.back();
-  EXPECT_EQ(wide, next_wide_expected);
+  for (int i = 0; i < 255; ++i) Take<wchar_t>(32);
+  EXPECT_EQ(wide, Take<wchar_t>(32));
 }
 
 // Several threads take together, in rounds of exactly 256 takes between barriers. Within a round
@@ -134,55 +100,47 @@ TEST(TempStringTest, RingsDoNotDisturbEachOther) {
 // a reset that skips or repeats a slot, shows up as a repeated pointer.
 TEST(TempStringTest, ConcurrentTakersNeverShareASlot) {
   constexpr int kThreads = 4;
-  constexpr int kTakesPerThread = 256 / kThreads;
   constexpr int kRounds = 100;
-
   std::mutex mutex;
   std::condition_variable changed;
-  int generation = 0;
+  int started = 0;  // The round the takers may run.
   int finished = 0;
-  std::vector<std::vector<char*>> taken(kThreads, std::vector<char*>(kTakesPerThread));
-
-  auto worker = [&](int index) {
-    for (int round = 0; round < kRounds; ++round) {
-      {
-        std::unique_lock<std::mutex> lock(mutex);
-        if (!changed.wait_for(lock, std::chrono::seconds(30),
-                              [&] { return generation > round; })) {
-          return;
-        }
-      }
-      for (int i = 0; i < kTakesPerThread; ++i) {
-        char* text = nullptr;
-        KVTGetTmpString(text, 4);
-        taken[index][i] = text;
-      }
-      std::lock_guard<std::mutex> lock(mutex);
-      ++finished;
-      changed.notify_all();
-    }
+  std::vector<std::vector<char*>> taken(kThreads, std::vector<char*>(256 / kThreads));
+  const auto wait = [&](std::unique_lock<std::mutex>& lock, const auto& ready) {
+    return changed.wait_for(lock, std::chrono::seconds(30), ready);
   };
-
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) threads.emplace_back(worker, t);
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int round = 1; round <= kRounds; ++round) {
+        {
+          std::unique_lock<std::mutex> lock(mutex);
+          if (!wait(lock, [&] { return started >= round; })) return;
+        }
+        for (char*& text : taken[t]) KVTGetTmpString(text, 4);
+        std::lock_guard<std::mutex> lock(mutex);
+        ++finished;
+        changed.notify_all();
+      }
+    });
+  }
   bool all_rounds_ran = true;
-  for (int round = 0; round < kRounds && all_rounds_ran; ++round) {
+  for (int round = 1; round <= kRounds; ++round) {
     std::unique_lock<std::mutex> lock(mutex);
     finished = 0;
-    ++generation;
+    started = round;
     changed.notify_all();
-    all_rounds_ran = changed.wait_for(lock, std::chrono::seconds(30),
-                                      [&] { return finished == kThreads; });
+    all_rounds_ran = wait(lock, [&] { return finished == kThreads; });
     if (!all_rounds_ran) break;
     std::set<char*> distinct;
     for (const auto& takes : taken) distinct.insert(takes.begin(), takes.end());
-    ASSERT_EQ(256u, distinct.size()) << "round " << round;
+    EXPECT_EQ(256u, distinct.size()) << "round " << round;
     // An odd number of single takes between rounds moves where the rounds start in the ring.
-    for (int i = 0; i < round % 7; ++i) TakeNarrow(4);
+    for (int i = 0; i < round % 7; ++i) Take(4);
   }
   {
     std::lock_guard<std::mutex> lock(mutex);
-    generation = kRounds + 1;  // Releases any worker still waiting after a failure.
+    started = kRounds + 1;  // Releases any taker still waiting after a failure.
     changed.notify_all();
   }
   for (auto& thread : threads) thread.join();

@@ -38,29 +38,28 @@ TEST(StringCapacity, NewObjectsHaveRoomFor260) {
   EXPECT_STREQ(long_text.c_str(), copy.data);
 }
 
-TEST(StringCapacity, AssignGrowsToTheSumOfBothLengths) {
+// Assign grows to the sum of both lengths, Append exactly; neither ever shrinks.
+TEST(StringCapacity, AssignAndAppendGrowth) {
   String s(std::wstring(100, L'a').c_str());
   s.Assign(std::wstring(200, L'b').c_str());
   EXPECT_EQ(300u, s.capacity);  // 200 alone would have fit in 260.
   EXPECT_EQ(200u, s.GetLength());
   s.Assign(L"short");
-  EXPECT_EQ(300u, s.capacity);  // Never shrinks.
+  EXPECT_EQ(300u, s.capacity);
   String other(L"xyz");
   s = other;
   EXPECT_EQ(300u, s.capacity);
   EXPECT_STREQ(L"xyz", s.data);
-}
 
-TEST(StringCapacity, AppendGrowsExactly) {
-  String s(std::wstring(250, L'a').c_str());
-  s.Append(std::wstring(20, L'b').c_str());
-  EXPECT_EQ(270u, s.capacity);
-  s += L'c';
-  EXPECT_EQ(271u, s.capacity);
-  s += L"de";
-  EXPECT_EQ(273u, s.capacity);
-  EXPECT_EQ(273u, s.GetLength());
-  EXPECT_EQ(L'e', s[272u]);
+  String t(std::wstring(250, L'a').c_str());
+  t.Append(std::wstring(20, L'b').c_str());
+  EXPECT_EQ(270u, t.capacity);
+  t += L'c';
+  EXPECT_EQ(271u, t.capacity);
+  t += L"de";
+  EXPECT_EQ(273u, t.capacity);
+  EXPECT_EQ(273u, t.GetLength());
+  EXPECT_EQ(L'e', t[272u]);
 }
 
 TEST(StringCapacity, SetSizeReservesAndEmptiesWhenItGrows) {
@@ -105,16 +104,12 @@ TEST(StringNullData, NoBlockMeansNoText) {
   EXPECT_STREQ(L"", t.data);
 }
 
-TEST(StringChange, OperatorPlusChangesItsLeftOperand) {
-  String a(L"left");
-  String b(L"right");
-  String& result = a + b;
-  EXPECT_EQ(&a, &result);
-  EXPECT_STREQ(L"leftright", a.data);
-  EXPECT_STREQ(L"right", b.data);
-}
-
-TEST(StringChange, AssignmentCornerCases) {
+TEST(StringChange, AssignmentCornerCasesAndPlusChangesItsLeftOperand) {
+  String left(L"left");
+  String right(L"right");
+  EXPECT_EQ(&left, &(left + right));
+  EXPECT_STREQ(L"leftright", left.data);
+  EXPECT_STREQ(L"right", right.data);
   String s(L"abc");
   s = s.data;  // Its own text: nothing happens.
   EXPECT_STREQ(L"abc", s.data);

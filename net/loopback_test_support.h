@@ -29,18 +29,28 @@ inline sockaddr_in LoopbackAddress(unsigned short port) {
   return address;
 }
 
-// A loopback port that nobody used a moment ago: a probe bound to port 0 learns it from
-// getsockname and is closed again. Someone may take it in between; callers that bind it retry.
-inline unsigned short FreeLoopbackPort() {
-  KVT::ScopedSocket probe(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+// A socket bound to a loopback port the system picks (port 0), listening if `backlog` > 0; the
+// port, learnt from getsockname, goes to `port`. None on failure.
+inline KVT::ScopedSocket BoundToFreePort(unsigned short& port, int backlog = 0) {
+  KVT::ScopedSocket bound(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   sockaddr_in address = LoopbackAddress(0);
-  if (!probe.IsValid() ||
-      ::bind(probe.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-    return 0;
-  }
   int length = sizeof(address);
-  if (::getsockname(probe.Get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
-  return ::ntohs(address.sin_port);
+  if (!bound.IsValid() ||
+      ::bind(bound.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+      (backlog > 0 && ::listen(bound.Get(), backlog) != 0) ||
+      ::getsockname(bound.Get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return KVT::ScopedSocket();
+  }
+  port = ::ntohs(address.sin_port);
+  return bound;
+}
+
+// A loopback port that nobody used a moment ago (its probe is closed again). Someone may take it
+// in between; callers that bind it retry.
+inline unsigned short FreeLoopbackPort() {
+  unsigned short port = 0;
+  BoundToFreePort(port);
+  return port;
 }
 
 // A connected client socket to 127.0.0.1:port, or none.
@@ -63,25 +73,22 @@ struct SocketPair {
 
 inline SocketPair ConnectedPair() {
   SocketPair pair;
-  KVT::ScopedSocket listening(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-  sockaddr_in address = LoopbackAddress(0);
-  int length = sizeof(address);
-  if (!listening.IsValid() ||
-      ::bind(listening.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-      ::listen(listening.Get(), 1) != 0 ||
-      ::getsockname(listening.Get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    return pair;
-  }
-  pair.near_end = Connect(::ntohs(address.sin_port));
+  unsigned short port = 0;
+  KVT::ScopedSocket listening = BoundToFreePort(port, 1);
+  if (listening.IsValid()) pair.near_end = Connect(port);
   // The connection is queued already, so this accept doesn't wait.
   if (pair.near_end.IsValid()) pair.far_end.Reset(::accept(listening.Get(), nullptr, nullptr));
   return pair;
 }
 
+// A handle that is open but no socket, as the socket classes' number type.
+inline unsigned int HandleNumber(const KVT::ScopedHandle& handle) {
+  return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(handle.Get()));
+}
+
 // Sends all of `bytes`; false if the connection failed.
 inline bool SendAll(SOCKET socket, const std::string& bytes) {
-  size_t at = 0;
-  while (at < bytes.size()) {
+  for (size_t at = 0; at < bytes.size();) {
     const int sent = ::send(socket, bytes.data() + at, static_cast<int>(bytes.size() - at), 0);
     if (sent <= 0) return false;
     at += static_cast<size_t>(sent);
@@ -97,10 +104,6 @@ inline void ResetConnection(KVT::ScopedSocket& socket) {
   socket.Close();
 }
 
-inline KVT::ScopedHandle ManualEvent() {
-  return KVT::ScopedHandle(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-}
-
 // Waits for `thread` to end; its exit code, or -1 if it didn't end in time.
 inline long ExitCodeAfterWait(void* thread) {
   DWORD code = 0;
@@ -111,12 +114,20 @@ inline long ExitCodeAfterWait(void* thread) {
   return static_cast<long>(code);
 }
 
+// Polls `done` until it holds or kPatience has passed.
+inline bool WaitUntil(const std::function<bool()>& done) {
+  const DWORD deadline = ::GetTickCount() + kPatience;
+  while (!done()) {
+    if (static_cast<LONG>(deadline - ::GetTickCount()) <= 0) return false;
+    ::Sleep(5);
+  }
+  return true;
+}
+
 // An ISOReceiver that keeps every chunk. `stop` makes IsStopping answer true; `on_receive`, if
 // set, decides what OnReceive answers (after the chunk is kept).
 class RecordingReceiver : public KVT::ISOReceiver {
  public:
-  RecordingReceiver() : received_(ManualEvent()) {}
-
   bool IsStopping() override { return stop.load(); }
   bool OnReceive(KVT::CClientSocket* socket, void* data, int length) override {
     {
@@ -124,19 +135,11 @@ class RecordingReceiver : public KVT::ISOReceiver {
       bytes_.append(static_cast<char*>(data), static_cast<size_t>(length));
       ++calls_;
     }
-    ::SetEvent(received_.Get());
     return on_receive ? on_receive(socket) : true;
   }
 
-  // Waits until at least `count` bytes have come.
   bool WaitForBytes(size_t count) {
-    const DWORD deadline = ::GetTickCount() + kPatience;
-    for (;;) {
-      if (Bytes().size() >= count) return true;
-      if (static_cast<LONG>(deadline - ::GetTickCount()) <= 0) return false;
-      ::WaitForSingleObject(received_.Get(), 50);
-      ::ResetEvent(received_.Get());
-    }
+    return WaitUntil([&] { return Bytes().size() >= count; });
   }
   std::string Bytes() {
     std::lock_guard<std::mutex> hold(mutex_);
@@ -154,18 +157,16 @@ class RecordingReceiver : public KVT::ISOReceiver {
   std::mutex mutex_;
   std::string bytes_;
   int calls_ = 0;
-  KVT::ScopedHandle received_;
 };
 
 // An ISOListener that records the events of an accept loop. IsStopping answers true from its
 // `stop_from`-th call on (0: never), or once `stop` is set. Accepted handles are closed unless
 // `on_accept` takes them. OnListening and OnError wait until the gate is open, so that a loop
 // that ends at once is still running when Listen looks at it (a loop seen ended would raise
-// Listen's message box): open it once Listen has returned.
+// Listen's message box): open it once Listen has returned. The recorded texts, port and errors
+// are read after the loop has ended or once `listenings` counts.
 class RecordingListener : public KVT::ISOListener {
  public:
-  RecordingListener() : gate(ManualEvent()) {}
-
   bool IsStopping() override {
     const int call = ++stop_calls;
     return stop.load() || (stop_from > 0 && call >= stop_from);
@@ -179,11 +180,8 @@ class RecordingListener : public KVT::ISOListener {
     }
     return true;
   }
-  bool OnListening(wchar_t const* host, wchar_t const* ip_address,
-                   unsigned short port) override {
+  bool OnListening(wchar_t const*, wchar_t const* ip_address, unsigned short port) override {
     ::WaitForSingleObject(gate.Get(), kPatience);
-    std::lock_guard<std::mutex> hold(mutex_);
-    listening_host = host;
     listening_address = ip_address;
     listening_port = port;
     ++listenings;
@@ -202,15 +200,10 @@ class RecordingListener : public KVT::ISOListener {
   std::atomic<int> accepts{0};
   std::atomic<int> listenings{0};
   std::function<void(unsigned int)> on_accept;
-  // Read after the loop has ended.
   std::vector<int> errors;
-  std::wstring listening_host;
   std::wstring listening_address;
   unsigned short listening_port = 0xFFFF;
-  KVT::ScopedHandle gate;
-
- private:
-  std::mutex mutex_;
+  KVT::ScopedHandle gate{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 };
 
 // A TSOSocketInfo for TCP on IPv4.
@@ -224,16 +217,6 @@ inline KVT::TSOSocketInfo TcpInfo(const wchar_t* host, unsigned short port) {
   return info;
 }
 
-// Polls `done` until it holds or kPatience has passed.
-inline bool WaitUntil(const std::function<bool()>& done) {
-  const DWORD deadline = ::GetTickCount() + kPatience;
-  while (!done()) {
-    if (static_cast<LONG>(deadline - ::GetTickCount()) <= 0) return false;
-    ::Sleep(5);
-  }
-  return true;
-}
-
 // A CServerSocket with its fields in view.
 class TestServer : public KVT::CServerSocket {
  public:
@@ -243,7 +226,8 @@ class TestServer : public KVT::CServerSocket {
 };
 
 // A server listening on a free loopback port, found by a probe and retried while someone else
-// takes it first. Stopped, shut down and awaited when it goes, in the order the class wants.
+// takes it first (the loop then reports WSAEADDRINUSE and ends). Stopped, shut down and awaited
+// when it goes, in the order the class wants.
 class LoopbackServer {
  public:
   explicit LoopbackServer(RecordingListener& listener) : listener_(listener) {
@@ -267,8 +251,7 @@ class LoopbackServer {
       }
     }
   }
-  ~LoopbackServer() { Stop(); }
-  void Stop() {
+  ~LoopbackServer() {
     if (server_ == nullptr) return;
     listener_.stop = true;
     server_->Shutdown();

@@ -8,17 +8,14 @@ namespace {
 
 using tern_test::Connect;
 using tern_test::ExitCodeAfterWait;
-using tern_test::FreeLoopbackPort;
-using tern_test::kPatience;
 using tern_test::LoopbackServer;
 using tern_test::RecordingListener;
 using tern_test::TcpInfo;
 using tern_test::TestServer;
-using tern_test::WaitUntil;
 
 // Whether the peer of `socket` has closed: recv gives 0 or fails (a reset).
 bool PeerClosed(const KVT::ScopedSocket& socket) {
-  DWORD timeout = kPatience;
+  DWORD timeout = tern_test::kPatience;
   ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char*>(&timeout),
                sizeof(timeout));
   char byte;
@@ -45,7 +42,7 @@ TEST(CServerSocket, AcceptsAndHandsOverEachConnectionWithDontLinger) {
   for (int i = 0; i < 3; ++i) {
     KVT::ScopedSocket client = Connect(server.port());
     ASSERT_TRUE(client.IsValid());
-    ASSERT_TRUE(WaitUntil([&] { return listener.accepts.load() == i + 1; }));
+    ASSERT_TRUE(tern_test::WaitUntil([&] { return listener.accepts.load() == i + 1; }));
     EXPECT_TRUE(PeerClosed(client));  // The listener closed its end.
   }
   EXPECT_TRUE(server.server().Resume());
@@ -55,16 +52,11 @@ TEST(CServerSocket, AcceptsAndHandsOverEachConnectionWithDontLinger) {
 }
 
 TEST(CServerSocket, PortInUseReachesOnErrorAndLeavesNoError) {
-  // Someone else listens on the port already.
-  KVT::ScopedSocket holder(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-  sockaddr_in address = tern_test::LoopbackAddress(0);
-  int length = sizeof(address);
-  ASSERT_EQ(::bind(holder.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  ASSERT_EQ(::listen(holder.Get(), 1), 0);
-  ASSERT_EQ(::getsockname(holder.Get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
-
+  unsigned short port = 0;
+  KVT::ScopedSocket holder = tern_test::BoundToFreePort(port, 1);  // Someone else listens.
+  ASSERT_TRUE(holder.IsValid());
   RecordingListener listener;
-  KVT::TSOSocketInfo info = TcpInfo(L"127.0.0.1", ::ntohs(address.sin_port));
+  KVT::TSOSocketInfo info = TcpInfo(L"127.0.0.1", port);
   TestServer server(&listener, 0, &info);
   EXPECT_EQ(server.Listen(7), 1);  // OnError holds the thread until it is allowed to end.
   listener.OpenGate();
@@ -79,25 +71,15 @@ TEST(CServerSocket, PortInUseReachesOnErrorAndLeavesNoError) {
   EXPECT_EQ(server.socket_handle(), 0u);
 }
 
-TEST(CServerSocket, SecondListenIsRefusedAndKeepsTheFirstArgument) {
-  RecordingListener listener;
-  listener.stop_from = 1;  // Stop at once after OnListening.
-  KVT::TSOSocketInfo info = TcpInfo(L"127.0.0.1", FreeLoopbackPort());
-  TestServer server(&listener, 0, &info);
-  ASSERT_EQ(server.Listen(5), 1);
-  listener.OpenGate();
-  EXPECT_EQ(server.Listen(6), -1);
-  ASSERT_EQ(ExitCodeAfterWait(server.GetThread()), 1);
-  EXPECT_EQ(server.Listen(8), -1);
-  EXPECT_EQ(server.listen_argument(), 5);
-}
-
-TEST(CServerSocket, StopRightAfterListeningAcceptsNothingAndKeepsTheSocketOpen) {
+TEST(CServerSocket, StopRightAfterListeningAcceptsNothingAndRefusesASecondListen) {
   RecordingListener listener;
   listener.stop_from = 1;
   LoopbackServer server(listener);
   ASSERT_TRUE(server.IsListening());
+  EXPECT_EQ(server.server().Listen(6), -1);
   ASSERT_EQ(ExitCodeAfterWait(server.server().GetThread()), 1);
+  EXPECT_EQ(server.server().Listen(8), -1);
+  EXPECT_EQ(server.server().listen_argument(), 0);  // The first one's.
   EXPECT_NE(server.server().socket_handle(), 0u);
   // The backlog still takes a connection, but nobody accepts it.
   KVT::ScopedSocket client = Connect(server.port());
@@ -107,58 +89,49 @@ TEST(CServerSocket, StopRightAfterListeningAcceptsNothingAndKeepsTheSocketOpen) 
   EXPECT_EQ(server.server().socket_handle(), 0u);
 }
 
-TEST(CServerSocket, StopThatComesWithAConnectionClosesItUnseenAndTheListeningSocket) {
-  RecordingListener listener;
-  listener.stop_from = 2;  // The test after OnListening says no; the one after accept says yes.
-  LoopbackServer server(listener);
-  ASSERT_TRUE(server.IsListening());
-  KVT::ScopedSocket client = Connect(server.port());
-  ASSERT_TRUE(client.IsValid());
-  ASSERT_EQ(ExitCodeAfterWait(server.server().GetThread()), 1);
-  EXPECT_EQ(listener.accepts.load(), 0);
-  EXPECT_TRUE(PeerClosed(client));
-  EXPECT_EQ(server.server().socket_handle(), 0u);
-  EXPECT_EQ(server.server().GetLastError(), 0u);
+// The stop test after an accept: when it says yes, the new connection is closed unseen, and so
+// is the listening socket; a stop set in OnAccept ends the loop with the socket open.
+TEST(CServerSocket, StopAfterAnAccept) {
+  for (bool in_on_accept : {false, true}) {
+    SCOPED_TRACE(in_on_accept ? "set in OnAccept" : "the second stop test");
+    RecordingListener listener;
+    if (in_on_accept) {
+      listener.on_accept = [&](unsigned int accepted) {
+        listener.stop = true;
+        ::closesocket(accepted);
+      };
+    } else {
+      listener.stop_from = 2;  // No after OnListening, yes after the accept.
+    }
+    LoopbackServer server(listener);
+    ASSERT_TRUE(server.IsListening());
+    KVT::ScopedSocket client = Connect(server.port());
+    ASSERT_TRUE(client.IsValid());
+    ASSERT_EQ(ExitCodeAfterWait(server.server().GetThread()), 1);
+    EXPECT_EQ(listener.accepts.load(), in_on_accept ? 1 : 0);
+    EXPECT_EQ(server.server().socket_handle() != 0u, in_on_accept);
+    EXPECT_EQ(server.server().GetLastError(), 0u);
+    EXPECT_TRUE(in_on_accept || PeerClosed(client));
+  }
 }
 
-TEST(CServerSocket, StopDuringOnAcceptEndsTheLoopWithTheSocketOpen) {
-  RecordingListener listener;
-  listener.on_accept = [&](unsigned int accepted) {
-    listener.stop = true;
-    ::closesocket(accepted);
-  };
-  LoopbackServer server(listener);
-  ASSERT_TRUE(server.IsListening());
-  KVT::ScopedSocket client = Connect(server.port());
-  ASSERT_TRUE(client.IsValid());
-  ASSERT_EQ(ExitCodeAfterWait(server.server().GetThread()), 1);
-  EXPECT_EQ(listener.accepts.load(), 1);
-  EXPECT_NE(server.server().socket_handle(), 0u);
-}
-
-TEST(CServerSocket, ShutdownWithTheStopSetReleasesAcceptSilently) {
-  RecordingListener listener;
-  LoopbackServer server(listener);
-  ASSERT_TRUE(server.IsListening());
-  listener.stop = true;
-  EXPECT_TRUE(tern_test::OnOtherThread([&] { server.server().Shutdown(); }));
-  ASSERT_EQ(ExitCodeAfterWait(server.server().GetThread()), 1);
-  EXPECT_TRUE(listener.errors.empty());
-  EXPECT_EQ(server.server().socket_handle(), 0u);
-  // The failed accept is recorded; which number it is depends on the platform (Windows gives
-  // WSAEINTR, Wine may give another).
-  EXPECT_NE(server.server().GetLastError(), 0u);
-}
-
-TEST(CServerSocket, ShutdownWithoutTheStopReachesOnError) {
-  RecordingListener listener;
-  LoopbackServer server(listener);
-  ASSERT_TRUE(server.IsListening());
-  EXPECT_TRUE(tern_test::OnOtherThread([&] { server.server().Shutdown(); }));
-  ASSERT_EQ(ExitCodeAfterWait(server.server().GetThread()), 1);
-  ASSERT_EQ(listener.errors.size(), 1u);
-  EXPECT_NE(listener.errors[0], 0);
-  EXPECT_EQ(static_cast<unsigned long>(listener.errors[0]), server.server().GetLastError());
+// Shutdown from another thread releases the blocking accept. With the stop set the loop ends
+// silently (the failed accept is recorded; Windows gives WSAEINTR, Wine may give another);
+// without, the failure reaches OnError.
+TEST(CServerSocket, ShutdownFromAnotherThreadReleasesABlockingAccept) {
+  for (bool stop : {true, false}) {
+    SCOPED_TRACE(stop ? "stop set" : "no stop");
+    RecordingListener listener;
+    LoopbackServer server(listener);
+    ASSERT_TRUE(server.IsListening());
+    listener.stop = stop;
+    EXPECT_TRUE(tern_test::OnOtherThread([&] { server.server().Shutdown(); }));
+    ASSERT_EQ(ExitCodeAfterWait(server.server().GetThread()), 1);
+    EXPECT_EQ(server.server().socket_handle(), 0u);
+    const auto error = static_cast<int>(server.server().GetLastError());
+    EXPECT_NE(error, 0);
+    EXPECT_EQ(listener.errors, stop ? std::vector<int>{} : std::vector<int>{error});
+  }
 }
 
 TEST(CServerSocket, AnyHostListensOnTheWildcardAndPortZeroStaysZero) {

@@ -11,8 +11,9 @@ namespace {
 
 using KVT::CSocket;
 using tern_test::ConnectedPair;
-using tern_test::SocketPair;
 using tern_test::TcpInfo;
+
+KVT::TSOSocketInfo* const kNoInfo = nullptr;
 
 // A CSocket with its fields in view.
 class OpenSocket : public CSocket {
@@ -34,41 +35,36 @@ bool IsOpenSocket(SOCKET socket) {
   return ::getsockopt(socket, SOL_SOCKET, SO_TYPE, reinterpret_cast<char*>(&type), &length) == 0;
 }
 
-TEST(CSocket, BufferSizeBelowOneMeansTheDefault) {
-  const struct {
-    int asked;
-    int given;
-  } rows[] = {{0, 8912}, {-1, 8912}, {-100000, 8912}, {1, 1}, {8192, 8192}, {65536, 65536}};
+// The accepted end of a fresh loopback pair, whose owner the caller becomes (0 on failure).
+unsigned int AcceptedHandle() {
+  return static_cast<unsigned int>(ConnectedPair().far_end.Take());
+}
+
+TEST(CSocket, BufferSizeBelowOneMeansTheDefaultAndTheBufferOnlyGrows) {
+  const struct { int asked, given; } rows[] = {
+      {0, 8912}, {-1, 8912}, {-100000, 8912}, {1, 1}, {8192, 8192}, {65536, 65536}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.asked);
-    OpenSocket described(static_cast<KVT::TSOSocketInfo*>(nullptr), row.asked);
+    OpenSocket described(kNoInfo, row.asked);
     EXPECT_EQ(described.GetBufferSize(), row.given);
     ASSERT_NE(described.buffer_bytes(), nullptr);
     EXPECT_EQ(std::string(described.buffer_bytes(), static_cast<size_t>(row.given)),
               std::string(static_cast<size_t>(row.given), '\0'));
-    OpenSocket over_handle(0u, row.asked);
-    EXPECT_EQ(over_handle.GetBufferSize(), row.given);
+    EXPECT_EQ(OpenSocket(0u, row.asked).GetBufferSize(), row.given);
   }
-}
-
-TEST(CSocket, BufferOnlyGrowsAndKeepsItsBytes) {
-  OpenSocket socket(static_cast<KVT::TSOSocketInfo*>(nullptr), 0);
+  // The buffer only grows, keeping its bytes; an ask below 1 means the default there too.
+  OpenSocket socket(kNoInfo, 0);
   std::memset(socket.buffer_bytes(), 'k', 8912);
-  EXPECT_EQ(socket.SetBufferSize(100), 8912);
-  EXPECT_EQ(socket.SetBufferSize(0), 8912);
-  EXPECT_EQ(socket.SetBufferSize(-5), 8912);
-  EXPECT_EQ(socket.SetBufferSize(8912), 8912);
+  for (int smaller : {100, 0, -5, 8912}) EXPECT_EQ(socket.SetBufferSize(smaller), 8912);
   EXPECT_EQ(socket.SetBufferSize(10000), 10000);
   EXPECT_EQ(socket.GetBufferSize(), 10000);
   EXPECT_EQ(std::string(socket.buffer_bytes(), 8912), std::string(8912, 'k'));
   EXPECT_EQ(std::string(socket.buffer_bytes() + 8912, 1088), std::string(1088, '\0'));
-
-  OpenSocket small(static_cast<KVT::TSOSocketInfo*>(nullptr), 100);
-  EXPECT_EQ(small.SetBufferSize(0), 8912);
+  EXPECT_EQ(OpenSocket(kNoInfo, 100).SetBufferSize(0), 8912);
 }
 
 TEST(CSocket, DescriptionDefaultsAndCopy) {
-  OpenSocket defaults(static_cast<KVT::TSOSocketInfo*>(nullptr), 0);
+  OpenSocket defaults(kNoInfo, 0);
   EXPECT_EQ(defaults.GetClass(), KVT::SocketClassServer);
   EXPECT_EQ(defaults.family_field(), AF_INET);
   EXPECT_EQ(defaults.protocol_field(), IPPROTO_TCP);
@@ -78,8 +74,9 @@ TEST(CSocket, DescriptionDefaultsAndCopy) {
   EXPECT_EQ(defaults.GetPort(), 0);
   EXPECT_EQ(defaults.socket_handle(), 0u);
   EXPECT_EQ(defaults.address_block(), nullptr);
-  EXPECT_EQ(defaults.GetThread(), nullptr);
   EXPECT_EQ(defaults.GetLastError(), 0u);
+  EXPECT_EQ(defaults.GetThread(), nullptr);
+  defaults.WaitForThreadExit(-1);  // No thread: returns, though INFINITE would never end.
 
   KVT::TSOSocketInfo info = TcpInfo(L"example.invalid", 4321);
   info.type = SOCK_DGRAM;
@@ -91,12 +88,11 @@ TEST(CSocket, DescriptionDefaultsAndCopy) {
 
   // A host text without a terminator is cut before the last element.
   std::wmemset(info.host, L'h', 1025);
-  OpenSocket unterminated(&info, 0);
-  EXPECT_EQ(std::wcslen(unterminated.GetHost()), 1024u);
+  EXPECT_EQ(std::wcslen(OpenSocket(&info, 0).GetHost()), 1024u);
 }
 
 TEST(CSocket, OverAConnectedHandleTakesThePeersAddressButNotItsPort) {
-  SocketPair pair = ConnectedPair();
+  tern_test::SocketPair pair = ConnectedPair();
   ASSERT_TRUE(pair.IsValid());
   OpenSocket socket(static_cast<unsigned int>(pair.far_end.Take()), 0);
   EXPECT_EQ(socket.GetClass(), KVT::SocketClassClient);
@@ -109,9 +105,8 @@ TEST(CSocket, OverAConnectedHandleTakesThePeersAddressButNotItsPort) {
 
 TEST(CSocket, OverSomethingThatIsNoSocketStaysQuiet) {
   KVT::ScopedHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  const auto handle = static_cast<unsigned int>(reinterpret_cast<uintptr_t>(event.Get()));
   {
-    OpenSocket socket(handle, 0);
+    OpenSocket socket(tern_test::HandleNumber(event), 0);
     EXPECT_STREQ(socket.GetHost(), L"");
     EXPECT_STREQ(socket.GetIPAddress(), L"0.0.0.0");
     EXPECT_EQ(socket.GetLastError(), 0u);
@@ -119,30 +114,6 @@ TEST(CSocket, OverSomethingThatIsNoSocketStaysQuiet) {
     socket.Shutdown();
   }
   EXPECT_EQ(::WaitForSingleObject(event.Get(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
-}
-
-TEST(CSocket, ShutdownClosesOnceAndDestructionClosesWhatIsLeft) {
-  SocketPair pair = ConnectedPair();
-  ASSERT_TRUE(pair.IsValid());
-  const SOCKET handle = pair.far_end.Take();
-  {
-    OpenSocket socket(static_cast<unsigned int>(handle), 0);
-    socket.Shutdown();
-    EXPECT_EQ(socket.socket_handle(), 0u);
-    EXPECT_FALSE(IsOpenSocket(handle));
-    socket.Shutdown();
-  }
-  SocketPair other = ConnectedPair();
-  ASSERT_TRUE(other.IsValid());
-  const SOCKET second = other.far_end.Take();
-  { OpenSocket socket(static_cast<unsigned int>(second), 0); }
-  EXPECT_FALSE(IsOpenSocket(second));
-}
-
-TEST(CSocket, WaitForThreadExitWithoutAThreadReturns) {
-  OpenSocket socket(static_cast<KVT::TSOSocketInfo*>(nullptr), 0);
-  socket.WaitForThreadExit(-1);  // INFINITE: a wait here would never end.
-  EXPECT_EQ(socket.GetThread(), nullptr);
 }
 
 TEST(CSocket, AssignmentCarriesNothing) {
@@ -160,18 +131,15 @@ TEST(CSocket, AssignmentCarriesNothing) {
   EXPECT_EQ(a.GetLastError(), 0u);
 }
 
-TEST(CSocket, CopiesShareEverythingAndTheLastOneReleases) {
-  SocketPair pair = ConnectedPair();
-  ASSERT_TRUE(pair.IsValid());
-  const SOCKET handle = pair.far_end.Take();
-  auto original = std::make_unique<OpenSocket>(static_cast<unsigned int>(handle), 0);
+TEST(CSocket, CopiesShareEverythingAndTheLastOneReleasesByShutdownOrDestruction) {
+  const unsigned int handle = AcceptedHandle();
+  auto original = std::make_unique<OpenSocket>(handle, 0);
   {
     OpenSocket copy(*original);
     EXPECT_EQ(copy.buffer_bytes(), original->buffer_bytes());
-    EXPECT_EQ(copy.socket_handle(), original->socket_handle());
+    EXPECT_EQ(copy.socket_handle(), handle);
     EXPECT_STREQ(copy.GetIPAddress(), original->GetIPAddress());
-    // A shared buffer doesn't move.
-    EXPECT_EQ(copy.SetBufferSize(20000), 8912);
+    EXPECT_EQ(copy.SetBufferSize(20000), 8912);  // A shared buffer doesn't move.
   }
   EXPECT_TRUE(IsOpenSocket(handle));
   OpenSocket survivor(*original);
@@ -179,7 +147,13 @@ TEST(CSocket, CopiesShareEverythingAndTheLastOneReleases) {
   EXPECT_TRUE(IsOpenSocket(handle));
   EXPECT_EQ(survivor.SetBufferSize(20000), 20000);
   survivor.Shutdown();
+  EXPECT_EQ(survivor.socket_handle(), 0u);
   EXPECT_FALSE(IsOpenSocket(handle));
+  survivor.Shutdown();  // Once is enough.
+  // Without Shutdown, the last one's destruction closes the socket.
+  const unsigned int second = AcceptedHandle();
+  { OpenSocket alone(second, 0); }
+  EXPECT_FALSE(IsOpenSocket(second));
 }
 
 }  // namespace

@@ -29,14 +29,6 @@ inline std::uint32_t GetLittleEndian32(const char* in) {
   return value;
 }
 
-// A frame with the given message and trailer.
-inline std::string Frame(const std::string& message, const std::string& trailer = "") {
-  std::string out;
-  PutLittleEndian32(out, static_cast<std::uint32_t>(message.size()));
-  PutLittleEndian32(out, static_cast<std::uint32_t>(trailer.size()));
-  return out + message + trailer;
-}
-
 // A header alone that declares the given lengths; nothing follows it.
 inline std::string Header(std::uint32_t message, std::uint32_t trailer) {
   std::string out;
@@ -45,12 +37,15 @@ inline std::string Header(std::uint32_t message, std::uint32_t trailer) {
   return out;
 }
 
+// A frame with the given message and trailer.
+inline std::string Frame(const std::string& message, const std::string& trailer = "") {
+  return Header(static_cast<std::uint32_t>(message.size()),
+                static_cast<std::uint32_t>(trailer.size())) + message + trailer;
+}
+
 class FrameMsg : public KVT::CSocketMsg {
  public:
   explicit FrameMsg(bool pings = false) : pings_(pings) {}
-  FrameMsg(const FrameMsg&) = default;
-  FrameMsg& operator=(const FrameMsg&) = default;
-  ~FrameMsg() override = default;
 
   bool refused() const { return refused_; }
   int parse_calls() const { return parse_calls_; }
