@@ -16,7 +16,9 @@ foreach(dir foundation buffer sync net xml)
   if(EXISTS ${PROJECT_SOURCE_DIR}/${dir})
     install(DIRECTORY ${dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TernCoreLib/${dir}
             FILES_MATCHING PATTERN "*.h"
-            PATTERN "*_internal.h" EXCLUDE PATTERN "*_ring.h" EXCLUDE)
+            # The library's own inner headers and the tests' helpers are no interface.
+            PATTERN "*_internal.h" EXCLUDE PATTERN "*_ring.h" EXCLUDE PATTERN "xml_dom.h" EXCLUDE
+            PATTERN "*test*.h" EXCLUDE PATTERN "test_*.h" EXCLUDE)
   endif()
 endforeach()
 
