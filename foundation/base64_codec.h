@@ -290,28 +290,6 @@ inline bool ProcessorHasSsse3() {
   return has;
 }
 #else
-// Whole blocks of four groups while 16 bytes can be read; leaves the rest of `groups`. One call
-// per run: the processor-specific code can't be inlined into code built for any x86.
-TERN_BASE64_SSSE3_FUNCTION inline void EncodeBlocksSsse3(const unsigned char*& source,
-                                                         unsigned char*& destination,
-                                                         int& groups) {
-  for (; groups >= 6; groups -= 4) {
-    EncodeBlockSsse3(source, destination);
-    source += 12;
-    destination += 16;
-  }
-}
-
-// Blocks of 16 symbols while there are any; stops at the first block with an odd character or
-// when fewer than 16 characters are left.
-TERN_BASE64_SSSE3_FUNCTION inline void DecodeBlocksSsse3(const unsigned char*& source,
-                                                         unsigned char*& out, int& length) {
-  for (; length >= 16 && DecodeBlockSsse3(source, out); length -= 16) {
-    source += 16;
-    out += 12;
-  }
-}
-
 inline bool ProcessorHasSsse3() { return false; }
 #endif
 
