@@ -80,17 +80,33 @@ macro(tern_setup_googletest)
   set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
   set(gtest_disable_pthreads OFF CACHE BOOL "" FORCE)
   add_subdirectory(${TERN_GTEST_DIR} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
-  include(GoogleTest)
 endmacro()
 
-# A test program linked like an application of the library. Its tests are listed at test time,
-# under Wine, so that each runs in a process of its own.
+# A test program linked like an application of the library. It runs as one process, and each of
+# its tests still has a CTest entry of its own that passes or fails with it (gtest_program.cmake).
 function(tern_add_test_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE TernCoreLib::TernCoreLib GTest::gtest GTest::gtest_main
                                         tern_windows_flags)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
   tern_link_runtime(${name})
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
-                       PROPERTIES TIMEOUT 120)
+
+  set(script "${PROJECT_SOURCE_DIR}/cmake/gtest_program.cmake")
+  set(results "${CMAKE_CURRENT_BINARY_DIR}/${name}_results")
+  add_test(NAME ${name}
+    COMMAND ${CMAKE_COMMAND} -DMODE=run -DPROGRAM=$<TARGET_FILE:${name}>
+            -DEMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR} -DRESULTS=${results} -P ${script})
+  set_tests_properties(${name} PROPERTIES FIXTURES_SETUP ${name} TIMEOUT 600)
+  set(include_file "${CMAKE_CURRENT_BINARY_DIR}/${name}_include.cmake")
+  file(GENERATE OUTPUT "${include_file}" CONTENT
+"set(MODE list)
+set(NAME [==[${name}]==])
+set(PROGRAM [==[$<TARGET_FILE:${name}>]==])
+set(EMULATOR [==[${CMAKE_CROSSCOMPILING_EMULATOR}]==])
+set(RESULTS [==[${results}]==])
+set(LIST [==[${CMAKE_CURRENT_BINARY_DIR}/${name}_tests.cmake]==])
+set(CMAKE [==[${CMAKE_COMMAND}]==])
+include([==[${script}]==])
+")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${include_file}")
 endfunction()

@@ -1,0 +1,114 @@
+# One GoogleTest program run as one process, with a CTest entry for each of its tests.
+#
+# tern_add_test_program() gives a program two kinds of entry. The program's own entry runs it
+# once (-P with MODE=run): every test's outcome goes to RESULTS/<Suite.Test>, a line that begins
+# "[       OK ]", "[  SKIPPED ]" or "[  FAILED  ]", followed by the failures' texts. Each test's
+# entry shows its file and fails on "[  FAILED  ]", or when the file is missing because the run
+# never reached that test. The tests' entries are listed when CTest starts (included with
+# MODE=list): from the program's own list, asked for again only when the program has changed.
+#
+#   PROGRAM   the test program
+#   EMULATOR  what runs it (the Wine wrapper)
+#   RESULTS   the folder of the run's report and outcomes
+#   LIST      (list) the file of CTest commands to write and include
+#   NAME      (list) the program's entry, which the tests' entries need as their fixture
+#   CMAKE     (list) the cmake program, which shows an outcome
+
+# The program's report as JSON (the whole run, or with LIST_ONLY only the names of its tests) in
+# out_var; without a report, out_var is empty and error_var says why.
+function(tern_gtest_report out_var error_var)
+  set(only "")
+  if(ARGN STREQUAL "LIST_ONLY")
+    set(only --gtest_list_tests)
+  endif()
+  file(MAKE_DIRECTORY "${RESULTS}")
+  file(REMOVE "${RESULTS}/report.json")
+  # The report's name is relative: the program reads its arguments as Windows paths.
+  execute_process(COMMAND ${EMULATOR} "${PROGRAM}" ${only} --gtest_output=json:report.json
+                  WORKING_DIRECTORY "${RESULTS}" RESULT_VARIABLE status
+                  OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  if(NOT EXISTS "${RESULTS}/report.json")
+    # A crash ends the run without a report; the last test begun is the one that crashed.
+    string(REGEX MATCHALL "\\[ RUN      \\] [^\r\n]+" begun "${output}")
+    list(POP_BACK begun last)
+    set(${error_var} "${PROGRAM} ended (${status}) without a report; last test begun: ${last}\n${output}"
+        PARENT_SCOPE)
+    set(${out_var} "" PARENT_SCOPE)
+    return()
+  endif()
+  file(READ "${RESULTS}/report.json" report)
+  set(${out_var} "${report}" PARENT_SCOPE)
+endfunction()
+
+# Calls `callback` with each test's suite and name and its JSON record.
+macro(tern_gtest_for_each report callback)
+  string(JSON suites LENGTH "${report}" testsuites)
+  math(EXPR last_suite "${suites} - 1")
+  foreach(s RANGE ${last_suite})
+    string(JSON suite GET "${report}" testsuites ${s})
+    string(JSON suite_name GET "${suite}" name)
+    string(JSON cases LENGTH "${suite}" testsuite)
+    math(EXPR last_case "${cases} - 1")
+    foreach(c RANGE ${last_case})
+      string(JSON case GET "${suite}" testsuite ${c})
+      string(JSON case_name GET "${case}" name)
+      cmake_language(CALL ${callback} "${suite_name}" "${case_name}" "${case}")
+    endforeach()
+  endforeach()
+endmacro()
+
+function(tern_gtest_write_outcome suite name case)
+  string(JSON result GET "${case}" result)
+  string(JSON failures ERROR_VARIABLE none LENGTH "${case}" failures)
+  if(none)
+    set(failures 0)
+  endif()
+  if(failures GREATER 0)
+    set(text "[  FAILED  ] ${suite}.${name}\n")
+    math(EXPR last "${failures} - 1")
+    foreach(f RANGE ${last})
+      string(JSON failure GET "${case}" failures ${f} failure)
+      string(APPEND text "${failure}\n")
+    endforeach()
+  elseif(result STREQUAL "SKIPPED")
+    set(text "[  SKIPPED ] ${suite}.${name}\n")
+  else()
+    set(text "[       OK ] ${suite}.${name}\n")
+  endif()
+  file(WRITE "${RESULTS}/${suite}.${name}" "${text}")
+endfunction()
+
+function(tern_gtest_add_entry suite name case)
+  string(APPEND entries
+    "add_test([==[${suite}.${name}]==] \"${CMAKE}\" -E cat [==[${RESULTS}/${suite}.${name}]==])\n"
+    "set_tests_properties([==[${suite}.${name}]==] PROPERTIES FIXTURES_REQUIRED ${NAME}\n"
+    "  FAIL_REGULAR_EXPRESSION \"\\\\[  FAILED  \\\\]\" SKIP_REGULAR_EXPRESSION \"\\\\[  SKIPPED \\\\]\")\n")
+  set(entries "${entries}" PARENT_SCOPE)
+endfunction()
+
+if(MODE STREQUAL "run")
+  file(REMOVE_RECURSE "${RESULTS}")
+  tern_gtest_report(report error)
+  if(NOT report)
+    message(FATAL_ERROR "${error}")
+  endif()
+  tern_gtest_for_each("${report}" tern_gtest_write_outcome)
+elseif(MODE STREQUAL "list")
+  if(EXISTS "${PROGRAM}" AND (NOT EXISTS "${LIST}" OR "${PROGRAM}" IS_NEWER_THAN "${LIST}"))
+    set(entries "")
+    tern_gtest_report(report error LIST_ONLY)
+    if(report)
+      tern_gtest_for_each("${report}" tern_gtest_add_entry)
+      file(WRITE "${LIST}" "${entries}")
+    else()
+      # An entry that fails with the reason, instead of a test list.
+      file(REMOVE "${LIST}")
+      file(WRITE "${RESULTS}/not-listed" "[  FAILED  ] ${error}")
+      add_test(${NAME}_NOT_LISTED "${CMAKE}" -E cat "${RESULTS}/not-listed")
+      set_tests_properties(${NAME}_NOT_LISTED PROPERTIES FAIL_REGULAR_EXPRESSION "FAILED")
+    endif()
+  endif()
+  if(EXISTS "${LIST}")
+    include("${LIST}")
+  endif()
+endif()
