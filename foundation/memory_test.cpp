@@ -1,54 +1,192 @@
+// The library frame: the heap allocator, the event test, system texts and temporary strings.
 #include "foundation/memory.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <set>
+#include <string>
+#include <vector>
 
-#include "foundation/win.h"
+#include "foundation/event.h"
+#include "foundation/scoped_handle.h"
+#include "foundation/system_text.h"
+#include "foundation/temp_string.h"
+#include "foundation/temp_string_ring.h"
+#include "sync/test_thread.h"
 
 namespace {
 
-using KVT::MemAlloc;
-using KVT::MemFree;
-using KVT::MemRealloc;
+using KVT::KVTGetTmpString;
 
-TEST(MemoryTest, AllocZeroFillsAndUsesTheProcessHeap) {
-  auto* block = static_cast<unsigned char*>(MemAlloc(1000));
-  ASSERT_NE(nullptr, block);
-  for (int i = 0; i < 1000; ++i) ASSERT_EQ(0, block[i]) << i;
-  EXPECT_EQ(1000u, ::HeapSize(::GetProcessHeap(), 0, block));
-  MemFree(block);
+template <typename CharT = char>
+CharT* Take(std::uint32_t chars = 8) {
+  CharT* text = nullptr;
+  EXPECT_EQ(1u, KVTGetTmpString(text, chars));
+  return text;
 }
 
-TEST(MemoryTest, AllocOfZeroIsNull) { EXPECT_EQ(nullptr, MemAlloc(0)); }
-
-TEST(MemoryTest, ReallocKeepsContentAndZeroesTheGrowth) {
-  auto* block = static_cast<unsigned char*>(MemAlloc(16));
+TEST(MemoryTest, ZeroFilledBlocksOfTheProcessHeap) {
+  auto* block = static_cast<unsigned char*>(KVT::MemAlloc(16));
   ASSERT_NE(nullptr, block);
+  EXPECT_EQ(16u, ::HeapSize(::GetProcessHeap(), 0, block));
   std::memset(block, 0xAB, 16);
-  auto* grown = static_cast<unsigned char*>(MemRealloc(block, 4096));
+  auto* grown = static_cast<unsigned char*>(KVT::MemRealloc(block, 4096));
   ASSERT_NE(nullptr, grown);
-  for (int i = 0; i < 16; ++i) ASSERT_EQ(0xAB, grown[i]) << i;
-  for (int i = 16; i < 4096; ++i) ASSERT_EQ(0, grown[i]) << i;
-  MemFree(grown);
+  for (int i = 0; i < 4096; ++i) ASSERT_EQ(i < 16 ? 0xAB : 0, grown[i]) << i;
+  EXPECT_EQ(nullptr, KVT::MemAlloc(0));
+  EXPECT_EQ(nullptr, KVT::MemRealloc(nullptr, 16));
+  EXPECT_EQ(nullptr, KVT::MemRealloc(nullptr, 0xFFFFFFFFu));
+  // Only a 32-bit process is sure to be refused a block of almost 4 GiB; the old block stays.
+  if (sizeof(void*) == 4) {
+    EXPECT_EQ(nullptr, KVT::MemRealloc(grown, 0xFFFFFFF0u));
+    EXPECT_EQ(0xAB, grown[0]);
+  }
+  KVT::MemFree(grown);
 }
 
-TEST(MemoryTest, ReallocOfNullAllocatesNothing) {
-  EXPECT_EQ(nullptr, MemRealloc(nullptr, 16));
-  EXPECT_EQ(nullptr, MemRealloc(nullptr, 0xFFFFFFFFu));
+// A failed wait reads as signalled. Relies on the wait failing for a closed handle, which Wine
+// and Windows both do.
+TEST(IsEventSignalledTest, FollowsTheEventAndAFailedWaitCountsAsSignalled) {
+  KVT::ScopedHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  EXPECT_FALSE(KVT::IsEventSignalled(event.Get()));
+  ::SetEvent(event.Get());
+  EXPECT_TRUE(KVT::IsEventSignalled(event.Get()));
+  EXPECT_TRUE(KVT::IsEventSignalled(event.Get())) << "a manual-reset event stays set";
+  EXPECT_FALSE(KVT::IsEventSignalled(nullptr));
+  HANDLE stale = event.Get();
+  event.Close();
+  EXPECT_TRUE(KVT::IsEventSignalled(stale));
 }
 
-// Only a 32-bit process is sure to be refused a block of almost 4 GiB.
-TEST(MemoryTest, FailedReallocLeavesTheOldBlock) {
-  if (sizeof(void*) != 4) GTEST_SKIP() << "a 64-bit heap may grant the request";
-  auto* block = static_cast<unsigned char*>(MemAlloc(8));
-  ASSERT_NE(nullptr, block);
-  block[0] = 42;
-  EXPECT_EQ(nullptr, MemRealloc(block, 0xFFFFFFF0u));
-  EXPECT_EQ(42, block[0]);
-  MemFree(block);
+// The oracle: the system's own text, asked for directly.
+template <typename CharT>
+std::basic_string<CharT> SystemText(DWORD code) {
+  CharT buffer[1024] = {};
+  const DWORD flags = FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS;
+  const DWORD language = MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT);
+  if constexpr (sizeof(CharT) == 1) {
+    ::FormatMessageA(flags, nullptr, code, language, buffer, 1024, nullptr);
+  } else {
+    ::FormatMessageW(flags, nullptr, code, language, buffer, 1024, nullptr);
+  }
+  return buffer;
 }
 
-TEST(MemoryTest, FreeOfNullDoesNothing) { MemFree(nullptr); }
+TEST(ErrorMessageTest, IsTheSystemTextUntrimmedAndCodeZeroIsTheLastError) {
+  for (DWORD code : {2u, 5u, 10054u}) {
+    SCOPED_TRACE(code);
+    ASSERT_EQ(L'\n', SystemText<wchar_t>(code).back()) << "the line break stays";
+    EXPECT_EQ(SystemText<wchar_t>(code), KVT::KVTGetErrorMessageW(code));
+    EXPECT_EQ(SystemText<char>(code), KVT::KVTGetErrorMessageA(code));
+    ::SetLastError(code);
+    EXPECT_EQ(SystemText<wchar_t>(code), KVT::KVTGetErrorMessageW(0));
+  }
+  ::SetLastError(0);
+  EXPECT_EQ(SystemText<wchar_t>(0), KVT::KVTGetErrorMessageW(0));
+  EXPECT_STREQ(L"", KVT::KVTGetErrorMessageW(0x2FFFFFFF)) << "unknown: empty, not null";
+  EXPECT_STREQ("", KVT::KVTGetErrorMessageA(0x2FFFFFFF));
+
+  // The narrow text is a temporary string of the narrow ring like any other.
+  const char* text = KVT::KVTGetErrorMessageA(2);
+  const std::string copy = text;
+  for (int i = 0; i < 255; ++i) Take(4);
+  EXPECT_EQ(copy, text);
+  EXPECT_EQ(text, Take(4)) << "the 256th further narrow take reuses the slot";
+}
+
+// system_text_test.rc defines ids 1, 2, 3 (block 1), 20 (block 2) and 305 (block 20). The lookup
+// names the block by the id itself.
+TEST(LoadResourceStringTest, LooksUpTheBlockNamedByTheId) {
+  HMODULE self = ::GetModuleHandleW(nullptr);
+  const struct { std::uint32_t id; const wchar_t* text; } kCases[] = {
+      {1, L"first string"},  // Block 1 exists, string 1 loads.
+      {2, L"second string"}, // Block 2 exists (it holds 20), string 2 loads.
+      {20, L"twenty"},       // Block 20 exists (it holds 305), string 20 loads.
+      {3, nullptr},          // No block 3, although LoadStringW finds string 3.
+      {4, nullptr}, {17, nullptr},
+  };
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(row.id);
+    const wchar_t* text = KVT::KVTLoadResourceStringW(self, row.id);
+    EXPECT_EQ(row.text == nullptr ? L"<null>" : row.text, std::wstring(text ? text : L"<null>"));
+  }
+  wchar_t direct[64] = {};
+  EXPECT_GT(::LoadStringW(self, 3, direct, 64), 0) << "string 3 itself exists";
+  EXPECT_EQ(nullptr, KVT::KVTLoadResourceStringW(::GetModuleHandleW(L"kernel32.dll"), 60000));
+}
+
+TEST(TempStringRingTest, KeepsALargerBlockAndEmptiesItsText) {
+  KVT::internal::TempStringRing<wchar_t> ring;
+  wchar_t* big = ring.Ensure(7, 100);
+  ASSERT_NE(nullptr, big);
+  std::wmemset(big, L'q', 99);
+  EXPECT_EQ(big, ring.Ensure(7, 10));
+  EXPECT_EQ(100u, ring.SlotCapacity(7));
+  EXPECT_EQ(L'\0', big[0]);
+  EXPECT_EQ(L'q', big[1]) << "reuse clears only the first character";
+  wchar_t* bigger = ring.Ensure(7, 5000);
+  ASSERT_NE(nullptr, bigger);
+  EXPECT_EQ(5000u, ring.SlotCapacity(7));
+  EXPECT_EQ(L'\0', bigger[0]);
+  bigger[4999] = L'z';  // The whole asked-for range is writable.
+  ring.ReleaseSlot(7);
+}
+
+// A text stays until 255 further takes, refused ones don't count, and the 256th gets its block
+// back, emptied; a whole round repeats the same blocks.
+TEST(TempStringTest, The257thTakeGetsTheFirstBlockAgain) {
+  char* kept = Take(16);
+  std::strcpy(kept, "keep me");
+  std::vector<char*> first_round = {kept};
+  char* const kSentinel = reinterpret_cast<char*>(0x1234);
+  for (std::uint32_t chars : {512001u, 0u, 0xFFFFFFFFu}) {
+    char* refused = kSentinel;
+    EXPECT_EQ(0u, KVTGetTmpString(refused, chars)) << chars;
+    EXPECT_EQ(kSentinel, refused);
+  }
+  for (int i = 0; i < 255; ++i) std::strcpy(first_round.emplace_back(Take(16)), "scratch");
+  EXPECT_EQ(256u, std::set<char*>(first_round.begin(), first_round.end()).size());
+  EXPECT_STREQ("keep me", kept);
+  for (int i = 0; i < 256; ++i) ASSERT_EQ(first_round[i], Take(16)) << "take " << 257 + i;
+  EXPECT_STREQ("", kept);
+
+  // The largest take, and the rings don't disturb each other.
+  wchar_t* wide = Take<wchar_t>(KVT::kMaxTempStringChars);
+  ASSERT_NE(nullptr, wide);
+  wide[511999] = L'x';
+  std::wcscpy(wide, L"wide text");
+  for (int i = 0; i < 1000; ++i) std::strcpy(Take(32), "narrow text overwriting");
+  EXPECT_STREQ(L"wide text", wide);
+  for (int i = 0; i < 255; ++i) Take<wchar_t>(32);
+  EXPECT_EQ(wide, Take<wchar_t>(32)) << "the narrow takes did not advance the wide ring";
+}
+
+// Rounds of exactly 256 takes by four threads released together: within a round no two takes
+// may share a slot. A cursor that is not advanced atomically, or a reset that skips or repeats a
+// slot, shows up as a repeated pointer.
+TEST(TempStringTest, ConcurrentTakersNeverShareASlot) {
+  constexpr int kThreads = 4;
+  for (int round = 0; round < 60; ++round) {
+    std::atomic<bool> go{false};
+    std::vector<std::vector<char*>> taken(kThreads, std::vector<char*>(256 / kThreads));
+    {
+      std::vector<std::unique_ptr<tern_test::TestThread>> threads;
+      for (auto& takes : taken) {
+        threads.push_back(std::make_unique<tern_test::TestThread>([&go, &takes] {
+          while (!go.load()) ::Sleep(0);
+          for (char*& text : takes) KVTGetTmpString(text, 4);
+        }));
+      }
+      go = true;
+    }
+    std::set<char*> distinct;
+    for (const auto& takes : taken) distinct.insert(takes.begin(), takes.end());
+    ASSERT_EQ(256u, distinct.size()) << "round " << round;
+    // An odd number of single takes between rounds moves where the rounds start in the ring.
+    for (int i = 0; i < round % 7; ++i) Take(4);
+  }
+}
 
 }  // namespace
