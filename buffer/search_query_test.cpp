@@ -30,14 +30,6 @@ std::vector<std::pair<int, int>> Exceptions(const CSearchQuery<T>& query, int re
 
 using Entries = std::vector<std::pair<int, int>>;
 
-TEST(SearchQueryTest, NewQueryIsEmpty) {
-  Narrow query;
-  EXPECT_EQ(nullptr, query.term);
-  EXPECT_EQ(0, query.termLength);
-  EXPECT_EQ(nullptr, query.shiftTable);
-  EXPECT_EQ(0, query.tableSize);
-}
-
 TEST(SearchQueryTest, WorkedTables) {
   struct Row {
     const char* term;
@@ -74,72 +66,43 @@ TEST(SearchQueryTest, WorkedTables) {
   }
 }
 
-TEST(SearchQueryTest, EmptyTermHasOneZeroEntry) {
-  Narrow query;
-  query.SetTerm("", 0, true);
-  ASSERT_NE(nullptr, query.term);
-  EXPECT_STREQ("", query.term);
-  EXPECT_EQ(0, query.termLength);
-  EXPECT_EQ(1, query.tableSize);
-  EXPECT_EQ(0, query.shiftTable[0]);
-}
-
-TEST(SearchQueryTest, NullTermIsTheEmptyTerm) {
-  Wide query;
-  query.SetTerm(L"abc", 0, false);
-  query.SetTerm(nullptr, 0, false);
-  EXPECT_STREQ(L"", query.term);
-  EXPECT_EQ(0, query.termLength);
-  EXPECT_EQ(1, query.tableSize);
-  EXPECT_EQ(0, query.shiftTable[0]);
-}
-
-TEST(SearchQueryTest, LengthArgumentIsIgnored) {
-  Narrow query;
-  query.SetTerm("abcdef", 2, false);
-  EXPECT_EQ(6, query.termLength);
-  EXPECT_STREQ("abcdef", query.term);
-}
-
-TEST(SearchQueryTest, SecondTermReplacesTheFirst) {
+// Terms that leave the empty query (an empty text, one table entry of 0), and the term kept
+// as given: the length argument is ignored, a second term replaces the first, and a term may
+// point into the query's own copy.
+TEST(SearchQueryTest, EmptyQueriesAndReplacedTerms) {
+  Narrow fresh;
+  EXPECT_TRUE(fresh.term == nullptr && fresh.termLength == 0 && fresh.shiftTable == nullptr &&
+              fresh.tableSize == 0);
+  Wide wide;
+  for (const wchar_t* term : {L"", static_cast<const wchar_t*>(nullptr), L"ab\xFFFF"}) {
+    wide.SetTerm(L"abc", 0, false);
+    wide.SetTerm(term, 0, true);
+    EXPECT_STREQ(L"", wide.term);
+    EXPECT_EQ(0, wide.termLength);
+    EXPECT_EQ(1, wide.tableSize);
+    EXPECT_EQ(0, wide.shiftTable[0]);
+  }
   Narrow query;
   query.SetTerm("zzzz", 0, false);
-  query.SetTerm("ab", 0, false);
-  EXPECT_STREQ("ab", query.term);
-  EXPECT_EQ(2, query.termLength);
-  EXPECT_EQ(99, query.tableSize);
-  EXPECT_EQ((Entries{{'a', 1}, {'b', 1}}), Exceptions(query, 2));
-}
-
-TEST(SearchQueryTest, TermMayPointIntoTheQuerysOwnCopy) {
-  Narrow query;
-  query.SetTerm("xabc", 0, false);
-  query.SetTerm(query.term + 1, 0, false);
-  EXPECT_STREQ("abc", query.term);
-  EXPECT_EQ(3, query.termLength);
+  query.SetTerm("abcdef", 2, false);
+  EXPECT_STREQ("abcdef", query.term);
+  EXPECT_EQ(6, query.termLength);
+  query.SetTerm(query.term + 4, 0, false);
+  EXPECT_STREQ("ef", query.term);
+  EXPECT_EQ(103, query.tableSize);
+  EXPECT_EQ((Entries{{'e', 1}, {'f', 1}}), Exceptions(query, 2));
 }
 
 TEST(SearchQueryTest, WideTableIsSizedByTheLargestCodeUnit) {
   Wide query;
   query.SetTerm(L"ab", 0, false);
   EXPECT_EQ(99, query.tableSize);
-
   query.SetTerm(L"a\x4E2D", 0, false);
   EXPECT_EQ(0x4E2D + 1, query.tableSize);
   EXPECT_EQ((Entries{{'a', 1}, {0x4E2D, 1}}), Exceptions(query, 2));
-
   query.SetTerm(L"\xFFFE", 0, false);  // The largest code unit a table can index.
   EXPECT_EQ(0xFFFF, query.tableSize);
   EXPECT_EQ(1, query.shiftTable[0xFFFE]);
-}
-
-TEST(SearchQueryTest, WideCodeUnitFFFFGivesTheEmptyQuery) {
-  Wide query;
-  query.SetTerm(L"ab\xFFFF", 0, false);
-  EXPECT_STREQ(L"", query.term);
-  EXPECT_EQ(0, query.termLength);
-  EXPECT_EQ(1, query.tableSize);
-  EXPECT_EQ(0, query.shiftTable[0]);
 }
 
 TEST(SearchQueryTest, LongTermEntriesAreCappedAt65535) {
@@ -191,13 +154,9 @@ TEST(SearchQueryTest, AssignmentLeavesTheFormerArraysReadable) {
 }
 
 TEST(SearchQueryTest, ToBase) {
-  EXPECT_EQ(97, Narrow::ToBase('a'));
-  EXPECT_EQ(0, Narrow::ToBase('\0'));
-  EXPECT_EQ(127, Narrow::ToBase('\x7F'));
-  EXPECT_EQ(128, Narrow::ToBase('\x80'));
-  EXPECT_EQ(23, Narrow::ToBase('\xE9'));
-  EXPECT_EQ(23, Narrow::ToBase('\x17'));
-  EXPECT_EQ(1, Narrow::ToBase('\xFF'));
+  const std::pair<char, int> kNarrow[] = {{'a', 97}, {'\0', 0}, {'\x7F', 127}, {'\x80', 128},
+                                          {'\xE9', 23}, {'\x17', 23}, {'\xFF', 1}};
+  for (const auto& [ch, base] : kNarrow) EXPECT_EQ(base, Narrow::ToBase(ch)) << int(ch);
   EXPECT_EQ(0, Wide::ToBase(L'\0'));
   EXPECT_EQ(0xE9, Wide::ToBase(L'\xE9'));
   EXPECT_EQ(0xFFFF, Wide::ToBase(L'\xFFFF'));
