@@ -249,9 +249,15 @@ void* CBuffer<T>::Malloc(unsigned int size) {
   return std::malloc(size);
 }
 
-// Each file that defines members of CBuffer instantiates the class for both widths, which emits
-// the members defined in that file; the declarations in the header export them.
+}  // namespace KVT
+
+// The lines and the search keep their members in files of their own, included here so that this
+// file alone instantiates CBuffer for both widths (an explicit instantiation may stand only once
+// in a program); the declarations in the header export the members.
+#include "buffer/buffer_lines.inc"
+#include "buffer/buffer_search.inc"
+
+namespace KVT {
 template class CBuffer<char>;
 template class CBuffer<wchar_t>;
-
 }  // namespace KVT
