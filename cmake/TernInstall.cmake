@@ -5,22 +5,13 @@ include(CMakePackageConfigHelpers)
 
 set(TERN_CONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/TernCoreLib)
 
+# The public headers (lib/CMakeLists.txt lists them) go below include/TernCoreLib.
 install(TARGETS TernCoreLib EXPORT TernCoreLibTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-
-# Public headers keep their folders below include/TernCoreLib, beside the umbrella header.
-install(FILES include/TernCoreLib.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TernCoreLib)
-foreach(dir foundation buffer sync net xml)
-  if(EXISTS ${PROJECT_SOURCE_DIR}/${dir})
-    install(DIRECTORY ${dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TernCoreLib/${dir}
-            FILES_MATCHING PATTERN "*.h"
-            # The library's own inner headers and the tests' helpers are no interface.
-            PATTERN "*_internal.h" EXCLUDE PATTERN "*_ring.h" EXCLUDE PATTERN "xml_dom.h" EXCLUDE
-            PATTERN "*test*.h" EXCLUDE PATTERN "test_*.h" EXCLUDE)
-  endif()
-endforeach()
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TernCoreLib
+  FILE_SET umbrella DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TernCoreLib)
 
 tern_runtime_dlls(TERN_RUNTIME_DLLS)
 if(TERN_RUNTIME_DLLS)

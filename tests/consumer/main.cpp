@@ -1,6 +1,7 @@
-#include <cstdio>
-
+// The umbrella header first: it needs nothing before it.
 #include "TernCoreLib.h"
+
+#include <cstdio>
 
 int main() {
   char* text = nullptr;
