@@ -16,13 +16,6 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
   flock -u 9
 fi
 
-# The Wine server and the system processes that Wine starts on demand (services.exe,
-# winedevice.exe, and explorer.exe, which also ends when no program has used the desktop for a
-# moment and comes back with the next one) inherit the standard output and error of the program
-# that happened to start them, and outlive it. A test runner reads a test's output until the
-# pipe closes, so that test would seem to hang for as long as they live: minutes. When the output
-# is not a terminal, the program writes to files here instead, and this script passes them on
-# once it has ended; nothing Wine leaves running holds the caller's pipe.
 # 64-bit programs start through Wine's 64-bit loader itself. Debian's `wine` launcher is a 32-bit
 # program, which on machines that run 32-bit code through an emulator costs about 0.6 s a start.
 wine=wine
@@ -33,14 +26,26 @@ if [ $# -gt 0 ] && [ -f "$1" ] && [ -x "$wine64" ]; then
   [ "$machine" = 8664 ] && wine=$wine64
 fi
 
-if [ -t 1 ] && [ -t 2 ]; then
+# The Wine server and the system processes that Wine starts on demand (services.exe,
+# winedevice.exe, and explorer.exe, which also ends when no program has used the desktop for a
+# moment and comes back with the next one) inherit the standard output and error of the program
+# that happened to start them, and outlive it. A reader of a pipe waits until every writer has
+# closed it, so a test runner would wait for as long as they live: minutes. Output that goes to a
+# pipe or a socket is therefore written to a file here and passed on once the program has ended;
+# output to a terminal or a file, which nobody waits on, goes straight through as it comes.
+held() { [ -p "/dev/fd/$1" ] || [ -S "/dev/fd/$1" ]; }
+if ! held 1 && ! held 2; then
   exec "$wine" "$@"
 fi
-out=$(mktemp)
-err=$(mktemp)
+out=""
+err=""
 trap 'rm -f "$out" "$err"' EXIT
+exec 3>&1 4>&2
+if held 1; then out=$(mktemp); exec 3>"$out"; fi
+if held 2; then err=$(mktemp); exec 4>"$err"; fi
 status=0
-"$wine" "$@" >"$out" 2>"$err" || status=$?
-cat "$out"
-cat "$err" >&2
+"$wine" "$@" 1>&3 2>&4 3>&- 4>&- || status=$?
+exec 3>&- 4>&-
+[ -z "$out" ] || cat "$out"
+[ -z "$err" ] || cat "$err" >&2
 exit "$status"
