@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Installs what the build needs on a Debian 12 machine, and nothing when it is all there already:
 # the MinGW-w64 -posix cross compilers, CMake, Ninja, the GoogleTest sources and Wine with its
-# 32- and 64-bit halves. `setup.sh bench` also fetches Google Benchmark's source package.
+# 32- and 64-bit halves. `setup.sh bench [DIR]` also fetches Google Benchmark's source package
+# into DIR/benchmark (by default build/third_party/benchmark of the checkout).
 set -euo pipefail
 
 want_bench=0
 [ "${1:-}" = bench ] && want_bench=1
 
 root=$(cd "$(dirname "$0")/.." && pwd)
-third_party="$root/build/third_party"
+third_party="${2:-$root/build/third_party}"
 
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
 have() { command -v "$1" >/dev/null 2>&1; }
