@@ -368,30 +368,21 @@ TEST(BufferSearchTest, FileFormReadsFromTheCurrentPositionAndFailuresKeepTheResu
   EXPECT_EQ(L'\xFEFF', wide.GetBuffer()[0]);
 }
 
+// The character tests beside the search, which the reference comparison below meets only for
+// the characters of its alphabets.
 TEST(BufferSearchTest, CharacterTests) {
-  const struct { const char* a; const char* b; bool caseless; int expected; } kEqual[] = {
-      {"a", "a", false, 1}, {"a", "A", false, 0}, {"a", "A", true, 1}, {"a", "b", true, 0},
-      {nullptr, "a", true, 0}, {"a", nullptr, false, 0},
-      {"\xE9", "\xC9", true, 0},  // The C locale folds ASCII only.
-  };
-  for (const auto& row : kEqual) {
-    SCOPED_TRACE(testing::Message() << (row.a ? row.a : "null") << " / "
-                                    << (row.b ? row.b : "null") << " " << row.caseless);
-    EXPECT_EQ(row.expected, CBuffer<char>::CharEqual(row.a, row.b, row.caseless));
-  }
+  EXPECT_EQ(1, CBuffer<char>::CharEqual("a", "A", true));
+  EXPECT_EQ(0, CBuffer<char>::CharEqual("a", "A", false));
+  EXPECT_EQ(0, CBuffer<char>::CharEqual("\xE9", "\xC9", true));  // The C locale folds ASCII only.
   EXPECT_EQ(1, CBuffer<char>::CharEqual(L"x", L"X", true));
-  EXPECT_EQ(0, CBuffer<wchar_t>::CharEqual(L"x", L"X", false));
-  EXPECT_EQ(0, CBuffer<wchar_t>::CharEqual(static_cast<const wchar_t*>(nullptr), L"X", true));
-  for (char ch : std::string(" \t\0_-!\x7F\x80\xE9\xFF", 10)) {
-    EXPECT_EQ(1, CBuffer<char>::IsWordDelimeter(ch)) << int(ch);
-  }
-  for (char ch : {'a', 'Z', '7'}) EXPECT_EQ(0, CBuffer<char>::IsWordDelimeter(ch)) << ch;
+  EXPECT_EQ(0, CBuffer<char>::CharEqual(nullptr, "a", true));
+  EXPECT_EQ(0, CBuffer<wchar_t>::CharEqual(L"x", static_cast<const wchar_t*>(nullptr), false));
+  for (char ch : std::string(" \t\0-!\x7F\x80\xFF", 8)) EXPECT_EQ(1, CBuffer<char>::IsWordDelimeter(ch)) << int(ch);
   // The wide form asks iswalnum, which knows letters beyond ASCII.
-  for (wchar_t ch : {L' ', L'_', L'\x2014', L'\xA0'}) EXPECT_EQ(1, CBuffer<wchar_t>::IsWordDelimeter(ch)) << int(ch);
-  for (wchar_t ch : {L'a', L'\xE9', L'\x3C3'}) EXPECT_EQ(0, CBuffer<wchar_t>::IsWordDelimeter(ch)) << int(ch);
+  for (wchar_t ch : {L'\x2014', L'\xA0'}) EXPECT_EQ(1, CBuffer<wchar_t>::IsWordDelimeter(ch)) << int(ch);
+  for (wchar_t ch : {L'7', L'\xE9', L'\x3C3'}) EXPECT_EQ(0, CBuffer<wchar_t>::IsWordDelimeter(ch)) << int(ch);
   EXPECT_FALSE(CBuffer<char>::IsPrintable(static_cast<const char*>(nullptr)));
-  EXPECT_TRUE(CBuffer<char>::IsPrintable("a"));
-  EXPECT_FALSE(CBuffer<char>::IsPrintable("\n"));
+  EXPECT_TRUE(CBuffer<char>::IsPrintable("a") && !CBuffer<char>::IsPrintable("\n"));
   EXPECT_TRUE(CBuffer<wchar_t>::IsPrintable(L"\x3C3"));
 }
 

@@ -21,6 +21,13 @@ using tern_test::SendAll;
 using tern_test::TcpInfo;
 using tern_test::TestServer;
 
+// Closes with a reset instead of the orderly close: linger on, with a time of 0.
+void ResetConnection(KVT::ScopedSocket& socket) {
+  linger hard = {1, 0};
+  ::setsockopt(socket.Get(), SOL_SOCKET, SO_LINGER, reinterpret_cast<char*>(&hard), sizeof(hard));
+  socket.Close();
+}
+
 // A client socket over the far end of a fresh pair, which it takes; the test keeps the near end.
 // Shut down and awaited when it goes, so that no thread outlives the test.
 struct Client {
@@ -52,7 +59,7 @@ TEST(CClientSocket, DeliversChunksUntilThePeerClosesOrResets) {
     ASSERT_TRUE(receiver.WaitForBytes(12));
     const int calls = receiver.Calls();
     if (reset) {
-      tern_test::ResetConnection(client.pair.near_end);
+      ResetConnection(client.pair.near_end);
     } else {
       client.pair.near_end.Close();
     }

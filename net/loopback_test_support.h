@@ -2,8 +2,8 @@
 #define TERNCORELIB_NET_LOOPBACK_TEST_SUPPORT_H_
 
 // Sockets on 127.0.0.1 for the tests of the socket classes: free ports, connected pairs, and
-// receivers and listeners that record what the loops tell them. Every wait is bounded (kPatience
-// for what must happen, kGrace for a look at what must not).
+// receivers and listeners that record what the loops tell them. Every wait is bounded by
+// kPatience.
 
 #include <atomic>
 #include <functional>
@@ -29,28 +29,20 @@ inline sockaddr_in LoopbackAddress(unsigned short port) {
   return address;
 }
 
-// A socket bound to a loopback port the system picks (port 0), listening if `backlog` > 0; the
-// port, learnt from getsockname, goes to `port`. None on failure.
+// A socket bound to a loopback port the system picks, listening if `backlog` > 0; the port goes
+// to `port`. None on failure.
 inline KVT::ScopedSocket BoundToFreePort(unsigned short& port, int backlog = 0) {
   KVT::ScopedSocket bound(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   sockaddr_in address = LoopbackAddress(0);
   int length = sizeof(address);
-  if (!bound.IsValid() ||
-      ::bind(bound.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+  auto* name = reinterpret_cast<sockaddr*>(&address);
+  if (!bound.IsValid() || ::bind(bound.Get(), name, length) != 0 ||
       (backlog > 0 && ::listen(bound.Get(), backlog) != 0) ||
-      ::getsockname(bound.Get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      ::getsockname(bound.Get(), name, &length) != 0) {
     return KVT::ScopedSocket();
   }
   port = ::ntohs(address.sin_port);
   return bound;
-}
-
-// A loopback port that nobody used a moment ago (its probe is closed again). Someone may take it
-// in between; callers that bind it retry.
-inline unsigned short FreeLoopbackPort() {
-  unsigned short port = 0;
-  BoundToFreePort(port);
-  return port;
 }
 
 // A connected client socket to 127.0.0.1:port, or none.
@@ -64,10 +56,11 @@ inline KVT::ScopedSocket Connect(unsigned short port) {
   return client;
 }
 
-// Both ends of one loopback connection, made with plain Windows Sockets.
+// Both ends of one loopback connection, made with plain Windows Sockets: the connecting side
+// and the accepted side.
 struct SocketPair {
-  KVT::ScopedSocket near_end;  // The connecting side.
-  KVT::ScopedSocket far_end;   // The accepted side.
+  KVT::ScopedSocket near_end;
+  KVT::ScopedSocket far_end;
   bool IsValid() const { return near_end.IsValid() && far_end.IsValid(); }
 };
 
@@ -96,30 +89,17 @@ inline bool SendAll(SOCKET socket, const std::string& bytes) {
   return true;
 }
 
-// Closes with a reset instead of the orderly close: linger on, with a time of 0.
-inline void ResetConnection(KVT::ScopedSocket& socket) {
-  linger hard = {1, 0};
-  ::setsockopt(socket.Get(), SOL_SOCKET, SO_LINGER, reinterpret_cast<char*>(&hard),
-               sizeof(hard));
-  socket.Close();
-}
-
 // Waits for `thread` to end; its exit code, or -1 if it didn't end in time.
 inline long ExitCodeAfterWait(void* thread) {
   DWORD code = 0;
-  if (thread == nullptr || ::WaitForSingleObject(thread, kPatience) != WAIT_OBJECT_0 ||
-      !::GetExitCodeThread(thread, &code)) {
-    return -1;
-  }
-  return static_cast<long>(code);
+  const bool ended = thread != nullptr && ::WaitForSingleObject(thread, kPatience) == WAIT_OBJECT_0;
+  return ended && ::GetExitCodeThread(thread, &code) ? static_cast<long>(code) : -1;
 }
 
 // Polls `done` until it holds or kPatience has passed.
 inline bool WaitUntil(const std::function<bool()>& done) {
-  const DWORD deadline = ::GetTickCount() + kPatience;
-  while (!done()) {
+  for (const DWORD deadline = ::GetTickCount() + kPatience; !done(); ::Sleep(5)) {
     if (static_cast<LONG>(deadline - ::GetTickCount()) <= 0) return false;
-    ::Sleep(5);
   }
   return true;
 }
@@ -137,10 +117,7 @@ class RecordingReceiver : public KVT::ISOReceiver {
     }
     return on_receive ? on_receive(socket) : true;
   }
-
-  bool WaitForBytes(size_t count) {
-    return WaitUntil([&] { return Bytes().size() >= count; });
-  }
+  bool WaitForBytes(size_t count) { return WaitUntil([&] { return Bytes().size() >= count; }); }
   std::string Bytes() {
     std::lock_guard<std::mutex> hold(mutex_);
     return bytes_;
@@ -167,17 +144,10 @@ class RecordingReceiver : public KVT::ISOReceiver {
 // are read after the loop has ended or once `listenings` counts.
 class RecordingListener : public KVT::ISOListener {
  public:
-  bool IsStopping() override {
-    const int call = ++stop_calls;
-    return stop.load() || (stop_from > 0 && call >= stop_from);
-  }
+  bool IsStopping() override { return stop.load() || (stop_from > 0 && ++stop_calls >= stop_from); }
   bool OnAccept(KVT::CServerSocket*, unsigned int accepted) override {
     ++accepts;
-    if (on_accept) {
-      on_accept(accepted);
-    } else {
-      ::closesocket(accepted);
-    }
+    on_accept ? on_accept(accepted) : void(::closesocket(accepted));
     return true;
   }
   bool OnListening(wchar_t const*, wchar_t const* ip_address, unsigned short port) override {
@@ -196,9 +166,7 @@ class RecordingListener : public KVT::ISOListener {
 
   std::atomic<bool> stop{false};
   int stop_from = 0;
-  std::atomic<int> stop_calls{0};
-  std::atomic<int> accepts{0};
-  std::atomic<int> listenings{0};
+  std::atomic<int> stop_calls{0}, accepts{0}, listenings{0};
   std::function<void(unsigned int)> on_accept;
   std::vector<int> errors;
   std::wstring listening_address;
@@ -232,7 +200,7 @@ class LoopbackServer {
  public:
   explicit LoopbackServer(RecordingListener& listener) : listener_(listener) {
     for (int attempt = 0; attempt < 10 && server_ == nullptr; ++attempt) {
-      port_ = FreeLoopbackPort();
+      BoundToFreePort(port_);  // Closed again at once: the port was free a moment ago.
       KVT::TSOSocketInfo info = TcpInfo(L"127.0.0.1", port_);
       auto server = std::make_unique<TestServer>(&listener_, 0, &info);
       ::ResetEvent(listener_.gate.Get());
