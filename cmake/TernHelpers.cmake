@@ -115,7 +115,7 @@ function(tern_add_test_program name)
   add_test(NAME ${name}
     COMMAND ${CMAKE_COMMAND} -DMODE=run -DPROGRAM=$<TARGET_FILE:${name}>
             -DEMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR} -DRESULTS=${results} -P ${script})
-  set_tests_properties(${name} PROPERTIES FIXTURES_SETUP ${name} TIMEOUT 600)
+  set_tests_properties(${name} PROPERTIES FIXTURES_SETUP ${name} TIMEOUT 600 COST 10)
   set(include_file "${CMAKE_CURRENT_BINARY_DIR}/${name}_include.cmake")
   file(GENERATE OUTPUT "${include_file}" CONTENT
 "set(MODE list)
