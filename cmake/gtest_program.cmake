@@ -1,7 +1,8 @@
 # One GoogleTest program run as one process, with a CTest entry for each of its tests.
 #
 # tern_add_test_program() gives a program two kinds of entry. The program's own entry runs it
-# once (-P with MODE=run): every test's outcome goes to RESULTS/<Suite.Test>, a line that begins
+# once (-P with MODE=run): every test's outcome goes to RESULTS/<Suite.Test> (a parameterised
+# test's slashes written as ~), a line that begins
 # "[       OK ]", "[  SKIPPED ]" or "[  FAILED  ]", followed by the failures' texts. Each test's
 # entry shows its file and fails on "[  FAILED  ]", or when the file is missing because the run
 # never reached that test. The tests' entries are listed when CTest starts (included with
@@ -77,12 +78,14 @@ function(tern_gtest_write_outcome suite name case)
   else()
     set(text "[       OK ] ${suite}.${name}\n")
   endif()
-  file(WRITE "${RESULTS}/${suite}.${name}" "${text}")
+  string(REPLACE "/" "~" file "${suite}.${name}")
+  file(WRITE "${RESULTS}/${file}" "${text}")
 endfunction()
 
 function(tern_gtest_add_entry suite name case)
+  string(REPLACE "/" "~" file "${suite}.${name}")
   string(APPEND entries
-    "add_test([==[${suite}.${name}]==] \"${CMAKE}\" -E cat [==[${RESULTS}/${suite}.${name}]==])\n"
+    "add_test([==[${suite}.${name}]==] \"${CMAKE}\" -E cat [==[${RESULTS}/${file}]==])\n"
     "set_tests_properties([==[${suite}.${name}]==] PROPERTIES FIXTURES_REQUIRED ${NAME}\n"
     "  FAIL_REGULAR_EXPRESSION \"\\\\[  FAILED  \\\\]\" SKIP_REGULAR_EXPRESSION \"\\\\[  SKIPPED \\\\]\")\n")
   set(entries "${entries}" PARENT_SCOPE)
