@@ -230,13 +230,7 @@ class TempDir {
 
 template <typename T>
 void CheckCutting() {
-  struct Row {
-    const char* text;
-    int length;
-    char delimiter;
-    bool result;
-    Lines<char> lines;
-  };
+  struct Row { const char* text; int length; char delimiter; bool result; Lines<char> lines; };
   const Row rows[] = {
       {"a\n\nb", 4, '\n', true, {"a", "", "b"}},  {"a\n", 2, '\n', true, {"a"}},
       {"a\r\nb", 4, '\n', true, {"a\r", "b"}},    {"a,,b", 4, ',', true, {"a", "", "b"}},

@@ -31,13 +31,7 @@ std::vector<std::pair<int, int>> Exceptions(const CSearchQuery<T>& query, int re
 using Entries = std::vector<std::pair<int, int>>;
 
 TEST(SearchQueryTest, WorkedTables) {
-  struct Row {
-    const char* term;
-    bool caseless;
-    int table_size;
-    int rest;
-    Entries entries;
-  };
+  struct Row { const char* term; bool caseless; int table_size; int rest; Entries entries; };
   const Row rows[] = {
       {"abca", false, 100, 4, {{'a', 1}, {'b', 2}, {'c', 1}}},
       {"Abc", true, 100, 3, {{'A', 2}, {'B', 1}, {'C', 1}, {'a', 2}, {'b', 1}, {'c', 1}}},

@@ -78,47 +78,6 @@ Results NaiveSearch(const std::basic_string<T>& text, const std::basic_string<T>
   return out;
 }
 
-// The Horspool scan step by step as the search defines it, with the line count run over every
-// skipped character. Follows whatever table the query holds, sound or not. `polls` counts the
-// alignments examined.
-template <typename T>
-Results LiteralScan(const std::basic_string<T>& text, const KVT::CSearchQuery<T>& query,
-                    unsigned long flags, T delimiter, int* polls = nullptr) {
-  Results out;
-  const int n = static_cast<int>(text.size());
-  const int m = query.termLength;
-  if (polls != nullptr) *polls = 0;
-  if (n == 0 || m == 0 || m > n) return out;
-  int pos = 0;
-  int scanned = 0;
-  std::uint32_t line = 1;
-  std::uint32_t line_start = 0;
-  for (;;) {
-    if (polls != nullptr) ++*polls;
-    for (int i = scanned; i < pos; ++i) {
-      if (text[i] == delimiter) {
-        ++line;
-        line_start = static_cast<std::uint32_t>(i + 1);
-      }
-    }
-    scanned = pos;
-    bool match = SameChar(text[pos + m - 1], query.term[m - 1], flags & 1);
-    for (int k = 0; match && k < m - 1; ++k) match = SameChar(text[pos + k], query.term[k], flags & 1);
-    if (match) {
-      if ((flags & 2) == 0 || WholeWordAt(text, static_cast<std::size_t>(pos),
-                                          static_cast<std::size_t>(m))) {
-        out.push_back(Result(line, line_start));
-      }
-      pos += m;
-    } else {
-      const unsigned b = KVT::CSearchQuery<T>::ToBase(text[pos + m - 1]);
-      pos += b < query.tableSize ? query.shiftTable[b] : m;
-    }
-    if (pos + m > n) break;
-  }
-  return out;
-}
-
 // Alphabets for random texts: letters in both cases, word delimiters, both line delimiters, and
 // characters beyond 7 bits (narrow: bytes that share a table entry, 0xE9 and 0x17; wide: code
 // units above 255, a case pair among them).
