@@ -1,10 +1,17 @@
 # Runs ternsearch over the bundled texts in tests/data and checks its output and exit status.
-#   cmake -DTOOL=<ternsearch.exe> -DRUN=<emulator or empty> -DDATA=<tests/data> -P ternsearch_test.cmake
+#   cmake -DTOOL=<ternsearch.exe> -DRUN=<emulator or empty> -DDATA=<tests/data> [-DONLY=<check>]
+#         -P ternsearch_test.cmake
+# With ONLY, just the check of that name runs: each is a CTest entry of its own, so that the runs
+# of the tool, a Wine start each, share the machine with the other tests.
 
 set(failures 0)
 
 # check(NAME EXIT <status> OUT <stdout> [ERR <stderr>] ARGS <arguments...>)
 function(check name)
+  if(DEFINED ONLY AND NOT name STREQUAL ONLY)
+    return()
+  endif()
+  set_property(GLOBAL APPEND PROPERTY checks_run ${name})
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "EXIT;OUT;ERR" "ARGS")
   execute_process(COMMAND ${RUN} ${TOOL} ${arg_ARGS}
                   WORKING_DIRECTORY "${DATA}"
@@ -50,3 +57,8 @@ check(mixed EXIT 2 ARGS -c fox ${s} missing.txt OUT "${s}:7\n"
       ERR "ternsearch: missing.txt: no such file\n")
 check(two_files EXIT 0 ARGS -c fox ${s} ${w} OUT "${s}:7\n${w}:0\n")
 check(bad_option EXIT 2 ARGS -x fox ${s} OUT "")
+
+get_property(checks_run GLOBAL PROPERTY checks_run)
+if(NOT checks_run)
+  message(FATAL_ERROR "no check named ${ONLY}")
+endif()
