@@ -6,14 +6,14 @@
 # "[       OK ]", "[  SKIPPED ]" or "[  FAILED  ]", followed by the failures' texts. Each test's
 # entry shows its file and fails on "[  FAILED  ]", or when the file is missing because the run
 # never reached that test. The tests' entries are listed when CTest starts (included with
-# MODE=list): from the program's own list, asked for again only when the program has changed.
+# MODE=list): from the program's own list, asked for again only when something has changed.
 #
 #   PROGRAM   the test program
 #   EMULATOR  what runs it (the Wine wrapper)
 #   RESULTS   the folder of the run's report and outcomes
 #   LIST      (list) the file of CTest commands to write and include
 #   NAME      (list) the program's entry, which the tests' entries need as their fixture
-#   CMAKE     (list) the cmake program, which shows an outcome
+#   SHOW      (list) the program that shows an outcome file: cat, or cmake -E cat
 
 # The program's report as JSON (the whole run, or with LIST_ONLY only the names of its tests) in
 # out_var; without a report, out_var is empty and error_var says why.
@@ -85,7 +85,7 @@ endfunction()
 function(tern_gtest_add_entry suite name case)
   string(REPLACE "/" "~" file "${suite}.${name}")
   string(APPEND entries
-    "add_test([==[${suite}.${name}]==] \"${CMAKE}\" -E cat [==[${RESULTS}/${file}]==])\n"
+    "add_test([==[${suite}.${name}]==] ${SHOW} [==[${RESULTS}/${file}]==])\n"
     "set_tests_properties([==[${suite}.${name}]==] PROPERTIES FIXTURES_REQUIRED ${NAME}\n"
     "  FAIL_REGULAR_EXPRESSION \"\\\\[  FAILED  \\\\]\" SKIP_REGULAR_EXPRESSION \"\\\\[  SKIPPED \\\\]\")\n")
   set(entries "${entries}" PARENT_SCOPE)
@@ -99,7 +99,15 @@ if(MODE STREQUAL "run")
   endif()
   tern_gtest_for_each(report tern_gtest_write_outcome)
 elseif(MODE STREQUAL "list")
-  if(EXISTS "${PROGRAM}" AND (NOT EXISTS "${LIST}" OR "${PROGRAM}" IS_NEWER_THAN "${LIST}"))
+  # Listed again when the program, this script or the file that includes it has changed (or
+  # the list is missing, which IS_NEWER_THAN counts as older).
+  set(stale FALSE)
+  foreach(source "${PROGRAM}" "${CMAKE_CURRENT_LIST_FILE}" "${CMAKE_PARENT_LIST_FILE}")
+    if("${source}" IS_NEWER_THAN "${LIST}")
+      set(stale TRUE)
+    endif()
+  endforeach()
+  if(EXISTS "${PROGRAM}" AND stale)
     set(entries "")
     tern_gtest_report(report error LIST_ONLY)
     if(report)
@@ -109,7 +117,7 @@ elseif(MODE STREQUAL "list")
       # An entry that fails with the reason, instead of a test list.
       file(REMOVE "${LIST}")
       file(WRITE "${RESULTS}/not-listed" "[  FAILED  ] ${error}")
-      add_test(${NAME}_NOT_LISTED "${CMAKE}" -E cat "${RESULTS}/not-listed")
+      add_test(${NAME}_NOT_LISTED ${SHOW} "${RESULTS}/not-listed")
       set_tests_properties(${NAME}_NOT_LISTED PROPERTIES FAIL_REGULAR_EXPRESSION "FAILED")
     endif()
   endif()
