@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "foundation/base64.h"
-#include "foundation/scoped_handle.h"
 #include "foundation/string_util.h"
 #include "foundation/temp_string.h"
 #include "net/test_frames.h"
@@ -125,61 +126,35 @@ TEST(RandomFraming, ValidFramesComeOutWholeAndInOrderAndHostileOnesTakeOnlyWhatC
 // The rings have no guard against a slot handed out twice while its first holder still uses it:
 // a text is good until 256 further takes of its ring, by any thread. Within that limit every
 // holder keeps its text while other threads grow the slots around it and the cursor wraps under
-// them: in each phase all threads take 3 slots each (48 in all), fill and check them, and meet.
-constexpr int kRingThreads = 16;
-constexpr int kRingPhases = 150;
-
-struct RingWorker {
-  std::uint32_t seed;
-  volatile LONG* arrived;
-  volatile LONG* failures;
-};
-
-DWORD WINAPI TakeAndCheck(void* parameter) {
-  const auto* worker = static_cast<RingWorker*>(parameter);
-  std::mt19937 rng(worker->seed);
-  for (LONG phase = 1; phase <= kRingPhases; ++phase) {
-    wchar_t* held[3] = {};
-    std::wstring mine[3];
-    for (int k = 0; k < 3; ++k) {
-      mine[k].assign(1 + rng() % (rng() % 16 == 0 ? 5000 : 60), static_cast<wchar_t>(worker->seed + k));
-      if (!KVT::KVTGetTmpString(held[k], static_cast<std::uint32_t>(mine[k].size() + 1))) return 2;
-      std::copy(mine[k].c_str(), mine[k].c_str() + mine[k].size() + 1, held[k]);
-    }
-    for (int k = 0; k < 3; ++k) {
-      if (mine[k] != held[k]) ::InterlockedIncrement(worker->failures);
-    }
-    ::InterlockedIncrement(worker->arrived);
-    for (const ULONGLONG give_up = ::GetTickCount64() + 20000; *worker->arrived < phase * kRingThreads;) {
-      if (::GetTickCount64() > give_up) return 1;
-      ::SwitchToThread();
-    }
-  }
-  return 0;
-}
-
+// them: in each phase 16 threads take 3 slots each (48 in all), fill and check them, and meet.
+// A thread that waits more than 20 s at a meeting gives up, so every join is bounded.
 TEST(RandomTempStrings, ThreadsWithinTheRingsLimitKeepTheirTexts) {
+  constexpr int kThreads = 16, kPhases = 150;
   for (Rounds rounds(1); rounds.Next();) {
-    volatile LONG arrived = 0, failures = 0;
-    RingWorker workers[kRingThreads];
-    KVT::ScopedHandle threads[kRingThreads];
-    HANDLE handles[kRingThreads];
-    DWORD started = 0;
-    for (int t = 0; t < kRingThreads; ++t) {
-      workers[t] = {rounds.seed() * 100 + static_cast<std::uint32_t>(t) * 4, &arrived, &failures};
-      threads[t].Reset(::CreateThread(nullptr, 0, &TakeAndCheck, &workers[t], 0, nullptr));
-      if (threads[t].IsValid()) handles[started++] = threads[t].Get();
-    }
-    // Every started thread is awaited (a minute at most) before the workers go out of scope; a
-    // missing one makes the others give up at their next meeting.
-    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForMultipleObjects(started, handles, TRUE, 60000));
-    ASSERT_EQ(static_cast<DWORD>(kRingThreads), started);
-    for (HANDLE thread : handles) {
-      DWORD code = 1;
-      EXPECT_TRUE(::GetExitCodeThread(thread, &code) && code == 0);
-    }
-    EXPECT_EQ(0, failures);
-    rounds.Count(kRingThreads * kRingPhases * 3);
+    std::atomic<int> arrived{0}, failures{0};
+    auto take_and_check = [&](std::uint32_t seed) {
+      std::mt19937 rng(seed);
+      for (int phase = 1; phase <= kPhases; ++phase) {
+        std::wstring mine[3];
+        wchar_t* held[3] = {};
+        for (int k = 0; k < 3; ++k) {
+          mine[k].assign(1 + rng() % (rng() % 16 == 0 ? 5000 : 60), static_cast<wchar_t>(seed + k));
+          if (!KVT::KVTGetTmpString(held[k], static_cast<std::uint32_t>(mine[k].size() + 1))) ++failures;
+          if (held[k] != nullptr) std::copy(mine[k].c_str(), mine[k].c_str() + mine[k].size() + 1, held[k]);
+        }
+        for (int k = 0; k < 3; ++k) failures += held[k] == nullptr || mine[k] != held[k];
+        ++arrived;
+        for (const ULONGLONG give_up = ::GetTickCount64() + 20000; arrived < phase * kThreads;) {
+          if (::GetTickCount64() > give_up) return void(++failures);
+          std::this_thread::yield();
+        }
+      }
+    };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) threads.emplace_back(take_and_check, rounds.seed() * 100 + t * 4);
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(0, failures.load());
+    rounds.Count(kThreads * kPhases * 3);
   }
 }
 
