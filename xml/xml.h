@@ -33,10 +33,10 @@ namespace KVT {
 // Untrusted text. CXml(text) is made for the application's own documents: on a system without
 // 4.0 its 6.0 document accepts a DTD and resolves external references, as 4.0 does by default,
 // so a text from elsewhere can make the parser fetch files or URLs that it names, or expand
-// entities without end. For text you do not trust, build CXml() (which sets nothing), then turn
-// both off on `document` before LoadXML: document->put_resolveExternals(VARIANT_FALSE) and
-// setProperty "ProhibitDTD" to true (a document that doesn't know the property answers with a
-// failing HRESULT: then refuse texts that hold "<!DOCTYPE" before loading them).
+// entities without end. For text you do not trust, build CXml() (which sets nothing), turn both
+// off on `document` before LoadXML (document->put_resolveExternals(VARIANT_FALSE), and
+// setProperty "ProhibitDTD" true), and refuse texts that hold "<!DOCTYPE": not every DOM honours
+// ProhibitDTD (Wine's accepts the property and still loads a DTD).
 //
 // Copies share the document (with a reference of their own) and the tree: the tree is
 // destroyed once, when the last CXml that holds it lets go of it (Reset, a new load, or its
