@@ -87,10 +87,21 @@ std::vector<Str<T>> Cut(const Str<T>& text, T end, bool file, bool last = true) 
 template <typename T>
 void SearchAndCutGuardedText(std::uint32_t seed, Rounds& rounds) {
   GuardedRegion texts, terms, blocks;
-  wchar_t folder[MAX_PATH], path[MAX_PATH];
-  ::GetTempPathW(MAX_PATH, folder);
-  ::GetTempFileNameW(folder, L"trn", 0, path);
-  FILE* file = _wfopen(path, L"w+b");
+  struct TempFile {  // Closed and removed however the function ends.
+    TempFile() {
+      wchar_t folder[MAX_PATH];
+      if (::GetTempPathW(MAX_PATH, folder) && ::GetTempFileNameW(folder, L"trn", 0, path)) {
+        file = _wfopen(path, L"w+b");
+      }
+    }
+    ~TempFile() {
+      if (file != nullptr) std::fclose(file);
+      ::DeleteFileW(path);
+    }
+    wchar_t path[MAX_PATH] = {};
+    FILE* file = nullptr;
+  } temp;
+  FILE* file = temp.file;
   ASSERT_NE(nullptr, file);
   std::mt19937 rng(seed);
   const Str<T> alphabet = search_test::AlphabetOf(T());
@@ -154,15 +165,13 @@ void SearchAndCutGuardedText(std::uint32_t seed, Rounds& rounds) {
       ASSERT_EQ(Cut(text, T('\n'), true), loaded.Lines());
       GuardedBuffer<T> next(blocks, reserved, Str<T>(), 0);
       write();
-      FILE* stream = _wfopen(path, L"rb");  // GetNext closes it at the end.
+      FILE* stream = _wfopen(temp.path, L"rb");  // GetNext closes it at the end.
       while (next.GetNext(stream, 0) != nullptr) {}
       ASSERT_EQ(nullptr, stream);
       ASSERT_EQ(Cut(text, T('\n'), true, false), next.Lines());
       rounds.Count(5);
     }
   }
-  std::fclose(file);
-  ::DeleteFileW(path);
 }
 
 TEST(RandomGuardedSearch, EveryFormAndLineCutStaysInsideItsText) {
