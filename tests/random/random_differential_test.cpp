@@ -132,13 +132,14 @@ TEST(RandomTempStrings, ThreadsWithinTheRingsLimitKeepTheirTexts) {
   constexpr int kThreads = 16, kPhases = 150;
   for (Rounds rounds(1); rounds.Next();) {
     std::atomic<int> arrived{0}, failures{0};
-    auto take_and_check = [&](std::uint32_t seed) {
+    // Thread t fills its k-th text with the character 0x100 + 3t + k, never 0.
+    auto take_and_check = [&](std::uint32_t seed, int t) {
       std::mt19937 rng(seed);
       for (int phase = 1; phase <= kPhases; ++phase) {
         std::wstring mine[3];
         wchar_t* held[3] = {};
         for (int k = 0; k < 3; ++k) {
-          mine[k].assign(1 + rng() % (rng() % 16 == 0 ? 5000 : 60), static_cast<wchar_t>(seed + k));
+          mine[k].assign(1 + rng() % (rng() % 16 == 0 ? 5000 : 60), static_cast<wchar_t>(0x100 + 3 * t + k));
           if (!KVT::KVTGetTmpString(held[k], static_cast<std::uint32_t>(mine[k].size() + 1))) ++failures;
           if (held[k] != nullptr) std::copy(mine[k].c_str(), mine[k].c_str() + mine[k].size() + 1, held[k]);
         }
@@ -151,7 +152,7 @@ TEST(RandomTempStrings, ThreadsWithinTheRingsLimitKeepTheirTexts) {
       }
     };
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) threads.emplace_back(take_and_check, rounds.seed() * 100 + t * 4);
+    for (int t = 0; t < kThreads; ++t) threads.emplace_back(take_and_check, rounds.seed() * 100 + t, t);
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(0, failures.load());
     rounds.Count(kThreads * kPhases * 3);
