@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 #include <set>
 #include <string>
@@ -14,7 +13,6 @@
 #include "foundation/system_text.h"
 #include "foundation/temp_string.h"
 #include "foundation/temp_string_ring.h"
-#include "sync/test_thread.h"
 
 namespace {
 
@@ -161,32 +159,6 @@ TEST(TempStringTest, The257thTakeGetsTheFirstBlockAgain) {
   EXPECT_STREQ(L"wide text", wide);
   for (int i = 0; i < 255; ++i) Take<wchar_t>(32);
   EXPECT_EQ(wide, Take<wchar_t>(32)) << "the narrow takes did not advance the wide ring";
-}
-
-// Rounds of exactly 256 takes by four threads released together: within a round no two takes
-// may share a slot. A cursor that is not advanced atomically, or a reset that skips or repeats a
-// slot, shows up as a repeated pointer.
-TEST(TempStringTest, ConcurrentTakersNeverShareASlot) {
-  constexpr int kThreads = 4;
-  for (int round = 0; round < 60; ++round) {
-    std::atomic<bool> go{false};
-    std::vector<std::vector<char*>> taken(kThreads, std::vector<char*>(256 / kThreads));
-    {
-      std::vector<std::unique_ptr<tern_test::TestThread>> threads;
-      for (auto& takes : taken) {
-        threads.push_back(std::make_unique<tern_test::TestThread>([&go, &takes] {
-          while (!go.load()) ::Sleep(0);
-          for (char*& text : takes) KVTGetTmpString(text, 4);
-        }));
-      }
-      go = true;
-    }
-    std::set<char*> distinct;
-    for (const auto& takes : taken) distinct.insert(takes.begin(), takes.end());
-    ASSERT_EQ(256u, distinct.size()) << "round " << round;
-    // An odd number of single takes between rounds moves where the rounds start in the ring.
-    for (int i = 0; i < round % 7; ++i) Take(4);
-  }
 }
 
 }  // namespace

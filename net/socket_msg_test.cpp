@@ -49,21 +49,6 @@ std::vector<Seen> PopAll(FrameReceiver& receiver) {
   return seen;
 }
 
-// Random frames, messages of 0..max_message bytes, some with trailers; `stream` gets them framed.
-std::vector<Seen> RandomFrames(std::mt19937& random, int count, int max_message,
-                               std::string& stream) {
-  std::vector<Seen> frames(static_cast<size_t>(count));
-  for (Seen& frame : frames) {
-    frame.first.resize(random() % (max_message + 1));
-    for (char& c : frame.first) c = static_cast<char>(random());
-    frame.second.assign(random() % 4, 'T');
-    stream += Frame(frame.first, frame.second);
-  }
-  return frames;
-}
-
-// --- CSocketMsg on its own -----------------------------------------------------------------------
-
 TEST(CSocketMsg, NothingToAddChangesNothing) {
   FrameMsg message;
   FrameReceiver receiver;
@@ -265,31 +250,6 @@ TEST(CSocketMsgReceiver, EverySplitOfAStreamGivesTheSameFrames) {
     EXPECT_EQ(receiver.Current(), nullptr);
     EXPECT_EQ(receiver.GetQueueSize(), 4);
     ASSERT_EQ(PopAll(receiver), frames);
-  }
-}
-
-// Pieces of 1 byte, up to 100 and up to 9000 bytes, popping as we go now and then so that
-// messages are reused in between.
-TEST(CSocketMsgReceiver, AnyChunkingGivesTheFramesInOrder) {
-  for (unsigned seed = 1; seed <= 21; ++seed) {
-    SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    const size_t max_piece = seed % 3 == 0 ? 1 : seed % 3 == 1 ? 100 : 9000;
-    std::string stream;
-    const std::vector<Seen> frames =
-        RandomFrames(random, max_piece == 1 ? 30 : 200, seed % 2 ? 300 : 5000, stream);
-    FrameReceiver receiver;
-    std::vector<Seen> seen;
-    for (size_t at = 0; at < stream.size();) {
-      const size_t size = std::min(1 + random() % max_piece, stream.size() - at);
-      Feed(receiver, stream.substr(at, size));
-      at += size;
-      if (random() % 4 == 0 || at == stream.size()) {
-        for (const Seen& s : PopAll(receiver)) seen.push_back(s);
-      }
-    }
-    ASSERT_EQ(seen, frames);
-    EXPECT_EQ(receiver.Current(), nullptr);
   }
 }
 

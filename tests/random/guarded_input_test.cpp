@@ -183,41 +183,9 @@ TEST(RandomGuardedSearch, EveryFormAndLineCutStaysInsideItsText) {
 
 // --- Base64: every form against a small reference, on guarded input and output -----------------
 
-const char kSymbols[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-// The library's coding: standard groups, but a last group drops its last symbol where that
-// would carry only zero bits.
-std::string ReferenceEncode(const std::string& bytes) {
-  std::string text;
-  for (std::size_t i = 0; i < bytes.size(); i += 3) {
-    const std::size_t left = std::min<std::size_t>(3, bytes.size() - i);
-    std::uint32_t v = 0;
-    for (std::size_t k = 0; k < 3; ++k) v = v << 8 | (k < left ? 0xFFu & bytes[i + k] : 0u);
-    const std::size_t symbols = left + 1 - (left < 3 && (v >> (18 - 6 * left) & 63) == 0);
-    for (std::size_t s = 0; s < 4; ++s) text += s < symbols ? kSymbols[v >> (18 - 6 * s) & 63] : '=';
-  }
-  return text;
-}
-
-// Group by group: a pad ends its group and keeps a byte whose bits are there; a group that
-// begins with one ends the text; other bytes count as 0xFF; 1 to 3 characters left over by a
-// length that is no multiple of four are ignored.
-std::string ReferenceDecode(const std::string& text) {
-  std::string bytes;
-  for (std::size_t i = 0; i + 4 <= text.size() && text[i] != '='; i += 4) {
-    const char* c = &text[i];
-    unsigned s[4];
-    for (int k = 0; k < 4; ++k) {
-      const char* at = c[k] == '\0' ? nullptr : std::strchr(kSymbols, c[k]);
-      s[k] = c[k] == '=' ? 0 : at != nullptr ? static_cast<unsigned>(at - kSymbols) : 0xFF;
-    }
-    const char out[3] = {static_cast<char>(s[0] << 2 | s[1] >> 4),
-                         static_cast<char>(s[1] << 4 | s[2] >> 2), static_cast<char>(s[2] << 6 | s[3])};
-    bytes.append(out, c[1] == '=' ? 1 : c[2] == '=' ? 1 + ((s[1] & 15) != 0)
-                                  : c[3] == '=' ? 2 + ((s[2] & 3) != 0) : 3);
-  }
-  return bytes;
-}
+using random_test::kBase64Symbols;
+using random_test::ReferenceDecode;
+using random_test::ReferenceEncode;
 
 std::string RandomBytes(std::mt19937& rng, std::size_t max_length) {
   std::string bytes(rng() % (max_length + 1), '\0');
@@ -233,7 +201,7 @@ std::string RandomCodedText(std::mt19937& rng) {
     text += ReferenceEncode(RandomBytes(rng, 90));
   }
   for (char& ch : text) {
-    if (rng() % 16 == 0) ch = rng() % 2 ? kSymbols[rng() % 64] : kOdd[rng() % sizeof kOdd];
+    if (rng() % 16 == 0) ch = rng() % 2 ? kBase64Symbols[rng() % 64] : kOdd[rng() % sizeof kOdd];
   }
   return text.substr(0, rng() % 4 == 0 ? rng() % (text.size() + 1) : text.size());
 }

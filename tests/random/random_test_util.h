@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -187,6 +188,44 @@ inline void FillRingsWithJunk(std::uint32_t chars = 64) {
     narrow[chars - 1] = '\0';
     wide[chars - 1] = L'\0';
   }
+}
+
+inline constexpr char kBase64Symbols[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// Base64 as the library codes it: standard groups, but a last group drops its last symbol where that
+// would carry only zero bits.
+inline std::string ReferenceEncode(const std::string& bytes) {
+  std::string text;
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    const std::size_t left = std::min<std::size_t>(3, bytes.size() - i);
+    std::uint32_t v = 0;
+    for (std::size_t k = 0; k < 3; ++k) v = v << 8 | (k < left ? 0xFFu & bytes[i + k] : 0u);
+    const std::size_t symbols = left + 1 - (left < 3 && (v >> (18 - 6 * left) & 63) == 0);
+    for (std::size_t s = 0; s < 4; ++s) {
+      text += s < symbols ? kBase64Symbols[v >> (18 - 6 * s) & 63] : '=';
+    }
+  }
+  return text;
+}
+
+// Group by group: a pad ends its group and keeps a byte whose bits are there; a group that
+// begins with one ends the text; other bytes count as 0xFF; 1 to 3 characters left over by a
+// length that is no multiple of four are ignored.
+inline std::string ReferenceDecode(const std::string& text) {
+  std::string bytes;
+  for (std::size_t i = 0; i + 4 <= text.size() && text[i] != '='; i += 4) {
+    const char* c = &text[i];
+    unsigned s[4];
+    for (int k = 0; k < 4; ++k) {
+      const char* at = c[k] == '\0' ? nullptr : std::strchr(kBase64Symbols, c[k]);
+      s[k] = c[k] == '=' ? 0 : at != nullptr ? static_cast<unsigned>(at - kBase64Symbols) : 0xFF;
+    }
+    const char out[3] = {static_cast<char>(s[0] << 2 | s[1] >> 4),
+                         static_cast<char>(s[1] << 4 | s[2] >> 2), static_cast<char>(s[2] << 6 | s[3])};
+    bytes.append(out, c[1] == '=' ? 1 : c[2] == '=' ? 1 + ((s[1] & 15) != 0)
+                                  : c[3] == '=' ? 2 + ((s[2] & 3) != 0) : 3);
+  }
+  return bytes;
 }
 
 }  // namespace random_test
