@@ -53,8 +53,8 @@ void Fill(CBuffer<T>& buffer, const std::basic_string<T>& text) {
 }
 
 template <typename T>
-unsigned long SearchAll(CBuffer<T>& buffer, unsigned long flags, CSearchQuery<T>& query, T delimiter,
-                        bool (*stop)(void*) = nullptr, void* stop_arg = nullptr) {
+unsigned long SearchAll(CBuffer<T>& buffer, unsigned long flags, CSearchQuery<T>& query,
+                        T delimiter, bool (*stop)(void*) = nullptr, void* stop_arg = nullptr) {
   return buffer.Search(buffer.GetBuffer(), buffer.length, flags, query, stop, stop_arg, delimiter);
 }
 
@@ -163,7 +163,9 @@ TEST(BufferSearchTest, RefusedSearchesKeepTheResultsAndReadsOutsideTheTableGiveN
   CSearchQuery<wchar_t> fresh;
   ASSERT_EQ(2u, buffer.Search(0, query));
   EXPECT_EQ(0u, buffer.Search(nullptr, 5, 0, query, nullptr, nullptr, L'\n'));
-  for (int length : {0, -1}) EXPECT_EQ(0u, buffer.Search(buffer.GetBuffer(), length, 0, query, nullptr, nullptr, L'\n'));
+  for (int length : {0, -1}) {
+    EXPECT_EQ(0u, buffer.Search(buffer.GetBuffer(), length, 0, query, nullptr, nullptr, L'\n'));
+  }
   EXPECT_EQ(0u, SearchAll(buffer, 0, empty, L'\n'));
   EXPECT_EQ(0u, SearchAll(buffer, 0, fresh, L'\n'));
   CBuffer<wchar_t> blockless;
@@ -368,10 +370,13 @@ TEST(BufferSearchTest, CharacterTests) {
   EXPECT_EQ(1, CBuffer<char>::CharEqual(L"x", L"X", true));
   EXPECT_EQ(0, CBuffer<char>::CharEqual(nullptr, "a", true));
   EXPECT_EQ(0, CBuffer<wchar_t>::CharEqual(L"x", static_cast<const wchar_t*>(nullptr), false));
-  for (char ch : std::string(" \t\0-!\x7F\x80\xFF", 8)) EXPECT_EQ(1, CBuffer<char>::IsWordDelimeter(ch)) << int(ch);
+  for (char ch : std::string(" \t\0-!\x7F\x80\xFF", 8)) {
+    EXPECT_EQ(1, CBuffer<char>::IsWordDelimeter(ch)) << int(ch);
+  }
   // The wide form asks iswalnum, which knows letters beyond ASCII.
-  for (wchar_t ch : {L'\x2014', L'\xA0'}) EXPECT_EQ(1, CBuffer<wchar_t>::IsWordDelimeter(ch)) << int(ch);
-  for (wchar_t ch : {L'7', L'\xE9', L'\x3C3'}) EXPECT_EQ(0, CBuffer<wchar_t>::IsWordDelimeter(ch)) << int(ch);
+  for (wchar_t ch : {L'\x2014', L'\xA0', L'7', L'\xE9', L'\x3C3'}) {
+    EXPECT_EQ(ch == L'\x2014' || ch == L'\xA0', CBuffer<wchar_t>::IsWordDelimeter(ch)) << int(ch);
+  }
   EXPECT_FALSE(CBuffer<char>::IsPrintable(static_cast<const char*>(nullptr)));
   EXPECT_TRUE(CBuffer<char>::IsPrintable("a") && !CBuffer<char>::IsPrintable("\n"));
   EXPECT_TRUE(CBuffer<wchar_t>::IsPrintable(L"\x3C3"));
@@ -418,7 +423,8 @@ void CompareWithReference(std::uint32_t seed, int texts) {
             ASSERT_EQ(end - offset, buffer.GetResultLength(i));
           }
         };
-        check(delimiter == 0 ? buffer.Search(flags, query) : SearchAll(buffer, flags, query, delimiter));
+        check(delimiter == 0 ? buffer.Search(flags, query)
+                             : SearchAll(buffer, flags, query, delimiter));
         check(SearchAll(buffer, flags, query, delimiter, &NeverStop));
         if (::testing::Test::HasFatalFailure()) return;
         for (const ScanTuning& tuning : {kEager, kEagerSse2}) {
@@ -429,7 +435,7 @@ void CompareWithReference(std::uint32_t seed, int texts) {
     }
   }
   EXPECT_GE(cases, texts * 6);
-  EXPECT_GT(occurrences, static_cast<std::size_t>(cases) / 2) << "the texts should hold many matches";
+  EXPECT_GT(occurrences, static_cast<std::size_t>(cases) / 2) << "the texts hold few matches";
 }
 
 TEST(BufferSearchTest, MatchesTheReference) {

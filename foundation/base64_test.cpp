@@ -198,7 +198,8 @@ std::string RandomText(std::mt19937& rng, std::size_t max_length, unsigned odd_p
   static const char kOdd[] = {'=', '=', '=', '\xFF', ' ', '\n', '\0', '\x80', '-', '_'};
   std::string text(rng() % (max_length + 1), 'A');
   for (char& c : text) {
-    c = rng() % 1000 >= odd_per_mille ? random_test::kBase64Symbols[rng() % 64] : kOdd[rng() % sizeof kOdd];
+    const bool odd = rng() % 1000 < odd_per_mille;
+    c = odd ? kOdd[rng() % sizeof kOdd] : random_test::kBase64Symbols[rng() % 64];
   }
   return text;
 }
@@ -245,7 +246,7 @@ TEST(Base64Allocating, EncodeGivesAnExactHeapBlock) {
   for (int count : {0, 4, -1}) {
     length = -1;
     unsigned char* none = count < 0 ? KVT::Base64EncodeString("", &length)
-                                    : KVT::Base64Encode(count == 0 ? bytes : nullptr, count, &length);
+                          : KVT::Base64Encode(count == 0 ? bytes : nullptr, count, &length);
     EXPECT_EQ(nullptr, none);
     EXPECT_EQ(0, length);
   }

@@ -218,7 +218,9 @@ TEST(StringTest, SearchWorkedExamples) {
       {static_cast<std::uint32_t>(s.CountOf(L'a')), 2},  // The first character counts.
       {static_cast<std::uint32_t>(s.CountOf(L'\0')), 0},
   };
-  for (std::size_t i = 0; i < std::size(kCases); ++i) EXPECT_EQ(kCases[i].expected, kCases[i].found) << i;
+  for (std::size_t i = 0; i < std::size(kCases); ++i) {
+    EXPECT_EQ(kCases[i].expected, kCases[i].found) << "row " << i;
+  }
   EXPECT_TRUE(s.Contains(L"ca") && s.Contains(L""));
   EXPECT_FALSE(String(L"").Contains(L""));
   String t(L"abcbc");
@@ -266,7 +268,9 @@ TEST(StringTest, SubStrTrimReplaceAndMakeLower) {
       {2, npos, L"cde"}, {2, 100, L"cde"}, {5, 1, L""}, {0, 0, L""},
       {1, 3, L"bcd"},    {2, 0xFFFFFFFEu, L"cde"}, {9, 2, L""},
   };
-  for (const auto& row : kSubStr) EXPECT_STREQ(row.expected, s.SubStr(row.start, row.length).data) << row.start;
+  for (const auto& row : kSubStr) {
+    EXPECT_STREQ(row.expected, s.SubStr(row.start, row.length).data) << row.start;
+  }
 
   const struct { const wchar_t* text; const wchar_t* set; unsigned removed; const wchar_t* left; }
       kTrim[] = {

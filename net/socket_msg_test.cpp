@@ -45,7 +45,9 @@ bool Feed(FrameReceiver& receiver, const std::string& chunk) {
 
 std::vector<Seen> PopAll(FrameReceiver& receiver) {
   std::vector<Seen> seen;
-  while (FrameMsg* message = receiver.PopFrame()) seen.emplace_back(message->Message(), message->Trailer());
+  while (FrameMsg* message = receiver.PopFrame()) {
+    seen.emplace_back(message->Message(), message->Trailer());
+  }
   return seen;
 }
 
@@ -349,7 +351,8 @@ std::string LoadStream(std::uint32_t id, int frames) {
   std::string stream;
   for (std::uint32_t sequence = 0; sequence < static_cast<std::uint32_t>(frames); ++sequence) {
     std::string message = Header(id, sequence);
-    for (size_t k = 8; k < 8 + (id * 131 + sequence * 71) % 593; ++k) message.push_back(static_cast<char>(k));
+    const size_t size = 8 + (id * 131 + sequence * 71) % 593;
+    for (size_t k = 8; k < size; ++k) message.push_back(static_cast<char>(k));
     stream += Frame(message, std::string(sequence % 4, 'T'));
   }
   return stream;

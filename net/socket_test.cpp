@@ -43,7 +43,9 @@ TEST(PrintSocketError, WorkedExamples) {
       {11001, L"No such host is known."},
       {11031, L"A reserved policy element was found in the QOS provider-specific buffer."},
   };
-  for (const auto& row : rows) EXPECT_STREQ(CSocketUtil::PrintSocketError(row.code), row.text) << row.code;
+  for (const auto& row : rows) {
+    EXPECT_STREQ(CSocketUtil::PrintSocketError(row.code), row.text) << row.code;
+  }
   EXPECT_EQ(CSocketUtil::PrintSocketError(10111), CSocketUtil::PrintSocketError(10103));
 }
 
