@@ -63,6 +63,11 @@ function(tern_runtime_dlls out)
   set(${out} "${dlls}" PARENT_SCOPE)
 endfunction()
 
+# The project's version, for a program's --version (TERN_VERSION, a string literal).
+function(tern_program_version target)
+  target_compile_definitions(${target} PRIVATE TERN_VERSION="${PROJECT_VERSION}")
+endfunction()
+
 # A subsystem folder's object library; the DLL target in lib/ combines them.
 function(tern_add_subsystem name)
   add_library(${name} OBJECT ${ARGN})
