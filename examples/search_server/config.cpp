@@ -5,6 +5,8 @@
 //     <Workers count="4"/>                         optional, 1 to 64
 //     <Folder name="docs" path="C:\data\docs"/>    one or more; names of letters, digits, . _ -
 //   </SearchServer>
+#include <cstdio>
+
 #include "examples/search_server/search_server.h"
 #include "foundation/scoped_handle.h"
 
@@ -138,7 +140,9 @@ bool LoadConfig(const std::wstring& file, Config* config, std::string* error) {
     config->workers = workers;
     return ReadFolders(root, config, error);
   } catch (const _com_error& e) {
-    *error = "the XML parser failed: " + std::to_string(static_cast<unsigned long>(e.Error()));
+    char code[16];
+    std::snprintf(code, sizeof code, "0x%08lX", static_cast<unsigned long>(e.Error()));
+    *error = std::string("the XML parser failed with ") + code;
     return false;
   }
 }

@@ -88,7 +88,7 @@ class Searcher {
 
  private:
   struct Walk;
-  bool SearchFile(const std::wstring& file, const std::string& path, Walk& walk);
+  bool SearchFile(const std::wstring& file, long long size, const std::string& path, Walk& walk);
   void SearchFolder(const std::wstring& folder, const std::string& path, Walk& walk);
 
   KVT::CBuffer<char> buffer_;

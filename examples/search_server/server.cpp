@@ -266,9 +266,8 @@ class Listener : public KVT::ISOListener {
   bool IsStopping() override { return dispatcher_.Stopping(); }
 
   bool OnAccept(KVT::CServerSocket*, unsigned int accepted) override {
-    const DWORD timeout = kSendTimeoutMs;
-    KVT::CSocketUtil::SetOptions(accepted, SOL_SOCKET, SO_SNDTIMEO,
-                                 const_cast<DWORD*>(&timeout), sizeof timeout);
+    DWORD timeout = kSendTimeoutMs;
+    KVT::CSocketUtil::SetOptions(accepted, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     std::vector<std::shared_ptr<Session>> ended;  // Destroyed after the lock is released.
     lock_.Lock();
     for (auto it = sessions_.begin(); it != sessions_.end();) {
