@@ -148,6 +148,10 @@ BOOL WINAPI OnConsoleEvent(DWORD) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::strcmp(argv[1], "--version") == 0) {
+    std::printf("tern_echo_server %s\n", TERN_VERSION);
+    return 0;
+  }
   const int port = argc > 1 ? std::atoi(argv[1]) : 5555;
   WSADATA wsa;
   if (::WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 1;
