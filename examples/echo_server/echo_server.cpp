@@ -83,6 +83,9 @@ class Session : public KVT::ISOReceiver {
     messages_.AddMessage(data, length);
     if (messages_.Refused()) {
       std::printf("[%d] a header declares more than %d bytes: closing\n", number_, kMaxMessage);
+      // Ending the loop alone would leave the connection open; Shutdown closes it, so the client
+      // sees the end of the stream at once.
+      socket->Shutdown();
       return false;
     }
     while (KVT::CSocketMsg* message = messages_.Pop()) {
