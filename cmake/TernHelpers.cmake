@@ -68,6 +68,15 @@ function(tern_program_version target)
   target_compile_definitions(${target} PRIVATE TERN_VERSION="${PROJECT_VERSION}")
 endfunction()
 
+# A program of the project, linked like an application of the library, that knows the version.
+function(tern_add_program name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE TernCoreLib::TernCoreLib tern_windows_flags)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  tern_program_version(${name})
+  tern_link_runtime(${name})
+endfunction()
+
 # A subsystem folder's object library; the DLL target in lib/ combines them.
 function(tern_add_subsystem name)
   add_library(${name} OBJECT ${ARGN})
