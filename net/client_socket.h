@@ -64,7 +64,9 @@ class TERN_API CClientSocket : public CSocket {
   void* Receive(unsigned long flags);
 
  protected:
+  // The thread's entry: ReceiverProc on the object that `parameter` points to.
   static unsigned long __stdcall ReceiverThreadProc(void* parameter);
+  // The receive loop that Receive describes; gives the thread's exit code.
   unsigned long ReceiverProc();
 
   ISOReceiver* receiver;  // Not owned; may be null.

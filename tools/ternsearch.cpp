@@ -18,6 +18,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 #include <string>
 #include <vector>
 
@@ -203,6 +204,11 @@ int main() {
 
   int argc = 0;
   wchar_t** argv = CommandLineToArgvW(GetCommandLineW(), &argc);
+  if (argc == 2 && argv != nullptr && std::wcscmp(argv[1], L"--version") == 0) {
+    std::printf("ternsearch %s\n", TERN_VERSION);
+    LocalFree(argv);
+    return 0;
+  }
   Options options;
   const bool ok = argv != nullptr && ParseArguments(argc, argv, &options);
   if (argv != nullptr) LocalFree(argv);
