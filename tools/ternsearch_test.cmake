@@ -3,18 +3,27 @@
 
 set(failures 0)
 
-# check(NAME EXIT <status> OUT <stdout> [ERR <stderr>] ARGS <arguments...>)
+# check(NAME EXIT <status> OUT <stdout> | MATCH <regex> [ERR <stderr>] [INPUT <file>]
+#       ARGS <arguments...>)
 function(check name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "EXIT;OUT;ERR" "ARGS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "EXIT;OUT;MATCH;ERR;INPUT" "ARGS")
+  set(input "")
+  if(arg_INPUT)
+    set(input INPUT_FILE "${DATA}/${arg_INPUT}")
+  endif()
   execute_process(COMMAND ${RUN} ${TOOL} ${arg_ARGS}
-                  WORKING_DIRECTORY "${DATA}"
+                  WORKING_DIRECTORY "${DATA}" ${input}
                   RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE err)
   set(problems "")
   if(NOT "${status}" STREQUAL "${arg_EXIT}")
     string(APPEND problems "  exit status ${status}, expected ${arg_EXIT}\n")
   endif()
   # An empty OUT leaves arg_OUT unset, which reads as the empty text here.
-  if(NOT "${out}" STREQUAL "${arg_OUT}")
+  if(DEFINED arg_MATCH)
+    if(NOT "${out}" MATCHES "${arg_MATCH}")
+      string(APPEND problems "  output:\n${out}  does not match ${arg_MATCH}\n")
+    endif()
+  elseif(NOT "${out}" STREQUAL "${arg_OUT}")
     string(APPEND problems "  output:\n${out}  expected:\n${arg_OUT}")
   endif()
   if(DEFINED arg_ERR AND NOT "${err}" STREQUAL "${arg_ERR}")
@@ -50,3 +59,27 @@ check(mixed EXIT 2 ARGS -c fox ${s} missing.txt OUT "${s}:7\n"
       ERR "ternsearch: missing.txt: no such file\n")
 check(two_files EXIT 0 ARGS -c fox ${s} ${w} OUT "${s}:7\n${w}:0\n")
 check(bad_option EXIT 2 ARGS -x fox ${s} OUT "")
+
+# The tree under tests/data/tree: directories in order of name (code units: B before d), depth
+# first, names joined with backslashes; a directory without -r is an error (see "directory").
+check(recursive EXIT 0 ARGS -r fox tree OUT
+"tree\\docs\\fox.txt:1:fox_fox and a Fox
+tree\\docs\\old\\notes.txt:1:old fox
+tree\\docs\\old\\notes.txt:2:older -fox
+tree\\root.txt:1:A fox in the root.
+")
+# -l wins over -c and prints names even with -h.
+check(names EXIT 0 ARGS -rlich fox tree OUT
+"tree\\B.txt\ntree\\docs\\fox.txt\ntree\\docs\\old\\notes.txt\ntree\\root.txt\n")
+check(no_names EXIT 0 ARGS -rch fox tree OUT "0\n2\n2\n0\n1\n")
+# Standard input: without FILE unnamed, with -H as grep names it; -n is accepted.
+check(stdin EXIT 0 INPUT ${s} ARGS -c fox OUT "7\n")
+check(stdin_named EXIT 0 INPUT ${s} ARGS -Hn -w fox - OUT
+"(standard input):1:The quick brown fox jumps over the lazy dog.
+(standard input):2:A fox, a FOX and a foxglove.
+(standard input):4:foxfox fox_fox
+")
+# After -- a term may start with a dash.
+check(dash_term EXIT 0 ARGS -- -fox tree/docs/old/notes.txt OUT
+"tree/docs/old/notes.txt:2:older -fox\n")
+check(help EXIT 0 ARGS --help MATCH "^usage: ternsearch.*-r .*'ba a a' holds no whole word 'a a'")
