@@ -476,159 +476,121 @@ void PickFilterPlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t* 
   *second = a < b ? b : a;
 }
 
-// The filter of a search by value: the term's rarest places (see Commonness), two, and a third
-// from four characters on, which pays for its extra compares by far fewer false candidates in
+// The term's rarest places by `rank`: two as PickFilterPlaces chooses them, and a third from
+// four characters on, which pays for its extra compares by far fewer false candidates in
 // ordinary text. For shorter terms the third place repeats the second.
+template <typename T, typename Rank>
+void PickThreePlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t places[3]) {
+  places[0] = places[1] = places[2] = 0;
+  if (m < 2) return;
+  PickFilterPlaces(term, m, rank, &places[0], &places[1]);
+  places[2] = places[1];
+  int best = 1 << 30;
+  for (std::uint32_t k = 0; m >= 4 && k < m; ++k) {
+    if (k != places[0] && k != places[1] && rank(k) < best) {
+      best = rank(k);
+      places[2] = k;
+    }
+  }
+}
+
+// The filter of a search by value: the term's three rarest places (see Commonness).
 template <typename T>
 Filter<T, 3, 1> ValueFilter(const T* term, std::uint32_t m) {
   Filter<T, 3, 1> filter{};
-  std::uint32_t i1 = 0;
-  std::uint32_t i2 = 0;
-  std::uint32_t i3 = 0;
-  if (m > 1) {
-    auto rank = [term](std::uint32_t k) { return Commonness(CodeOf(term[k])); };
-    PickFilterPlaces(term, m, rank, &i1, &i2);
-    i3 = i2;
-    int best = 1 << 30;
-    for (std::uint32_t k = 0; m >= 4 && k < m; ++k) {
-      if (k != i1 && k != i2 && rank(k) < best) {
-        best = rank(k);
-        i3 = k;
-      }
-    }
-  }
-  const std::uint32_t places[3] = {i1, i2, i3};
-  for (int i = 0; i < 3; ++i) {
-    filter.place[i] = places[i];
-    filter.member[i][0] = term[places[i]];
-  }
+  PickThreePlaces(term, m, [term](std::uint32_t k) { return Commonness(CodeOf(term[k])); },
+                  filter.place);
+  for (int i = 0; i < 3; ++i) filter.member[i][0] = term[filter.place[i]];
   return filter;
 }
 
-// The code units that the C runtime calls equal to each character of a caseless term, asked once
-// per search, and the filter and verification built on them. Below 256 a set is complete: every
-// code unit is asked (for a narrow term, every byte). Above 255, for a wide term, a set holds the
-// term character and its towupper and towlower forms, each only where the C runtime agrees that
-// it is equal: complete wherever WideCaselessGuard finds nothing else in the text.
-// Prepare() declines terms whose sets it cannot hold, and tables that could move the term past a
-// member of a set.
+// The code units that the C runtime calls equal to each character of a caseless term (its set),
+// asked once per search: below 256 every code unit is asked (for a narrow term, every byte);
+// above 255, for a wide term, only the character and its towupper and towlower forms, so that a
+// set is complete there only as far as WideCaselessGuard finds. The route needs at most two
+// members per set, its forms: place k of an occurrence holds form(0)[k] or form(1)[k] (one and
+// the same for a set of one), which vectors compare. Prepare() declines a term too long, a set of
+// more members, and a table that could move the term past a member.
 template <typename T>
 class CaselessClassSets {
  public:
   static constexpr std::uint32_t kMaxTerm = 64;
   static constexpr std::uint32_t kMaxDistinct = 64;
-  static constexpr int kMaxMembers = 3;  // Per filter place.
 
-  // False if the term is too long, or the table unsound for the sets, or a filter place has
-  // more than kMaxMembers members.
   bool Prepare(const T* term, std::uint32_t m, const unsigned short* table,
                unsigned table_size) {
     if (m > kMaxTerm) return false;
-    m_ = m;
     distinct_ = 0;
     for (std::uint32_t k = 0; k < m; ++k) {
       std::uint32_t d = 0;
       while (d < distinct_ && char_[d] != term[k]) ++d;
-      if (d == distinct_) {
-        ++distinct_;
-        char_[d] = term[k];
-        std::memset(low_[d], 0, sizeof(low_[d]));
-        for (unsigned code = 0; code < 256; ++code) {
-          const T ch = static_cast<T>(code);
-          if (CharEqual(&ch, term + k, true)) low_[d][code >> 5] |= 1u << (code & 31);
-        }
-        high_count_[d] = 0;
-        if constexpr (sizeof(T) > 1) {
-          const T forms[3] = {term[k], static_cast<T>(std::towupper(term[k])),
-                              static_cast<T>(std::towlower(term[k]))};
-          for (const T form : forms) {
-            if (form > 255 && !InHigh(d, form) && CharEqual(&form, term + k, true)) {
-              high_[d][high_count_[d]++] = form;
-            }
-          }
-        }
-      }
-      set_of_[k] = static_cast<std::uint8_t>(d);
+      if (d == distinct_ && !AddSet(term[k])) return false;
+      forms_[0][k] = member_[d][0];
+      forms_[1][k] = member_[d][1];
     }
     // Sound if every member of the set at j < m - 1 moves by at most m - 1 - j.
     for (std::uint32_t j = 0; j + 1 < m; ++j) {
-      bool sound = true;
-      ForEachMember(set_of_[j], [&](T ch) {
-        const unsigned base = BaseOf(ch);
-        sound = sound && base < table_size && table[base] <= m - 1 - j;
-      });
-      if (!sound) return false;
+      for (int i = 0; i < 2; ++i) {
+        const unsigned base = BaseOf(forms_[i][j]);
+        if (base >= table_size || table[base] > m - 1 - j) return false;
+      }
     }
     // A place is as common as its members together.
     auto rank = [this](std::uint32_t k) {
-      int sum = 0;
-      ForEachMember(set_of_[k], [&sum](T ch) { sum += Commonness(CodeOf(ch)); });
-      return sum;
+      const int first = Commonness(CodeOf(forms_[0][k]));
+      return forms_[1][k] == forms_[0][k] ? first : first + Commonness(CodeOf(forms_[1][k]));
     };
-    std::uint32_t places[2] = {0, 0};
-    if (m > 1) PickFilterPlaces(term, m, rank, &places[0], &places[1]);
-    for (int i = 0; i < 2; ++i) {
-      filter_.place[i] = places[i];
-      int count = 0;
-      bool fits = true;
-      ForEachMember(set_of_[places[i]], [&](T ch) {
-        if (count == kMaxMembers) fits = false;
-        if (fits) filter_.member[i][count++] = ch;
-      });
-      if (!fits) return false;
-      // Fewer members repeat the first one.
-      for (int j = count; j < kMaxMembers; ++j) filter_.member[i][j] = filter_.member[i][0];
+    PickThreePlaces(term, m, rank, filter_.place);
+    for (int i = 0; i < 3; ++i) {
+      filter_.member[i][0] = forms_[0][filter_.place[i]];
+      filter_.member[i][1] = forms_[1][filter_.place[i]];
     }
     return true;
   }
 
-  const Filter<T, 2, kMaxMembers>& filter() const { return filter_; }
-
-  // Whether the term stands at `p`, place by place through the sets.
-  bool Verify(const T* p) const {
-    for (std::uint32_t k = 0; k < m_; ++k) {
-      if (!In(set_of_[k], p[k])) return false;
-    }
-    return true;
-  }
+  const T* form(int i) const { return forms_[i]; }
+  const Filter<T, 3, 2>& filter() const { return filter_; }
 
   // Whether the sets are right about `ch`, a code unit above 255: the C runtime calls it equal
   // to exactly the term characters whose sets hold it.
   bool Plain(T ch) const {
     for (std::uint32_t d = 0; d < distinct_; ++d) {
-      if ((CharEqual(&ch, &char_[d], true) != 0) != InHigh(d, ch)) return false;
+      const bool member = ch == member_[d][0] || ch == member_[d][1];
+      if ((CharEqual(&ch, &char_[d], true) != 0) != member) return false;
     }
     return true;
   }
 
  private:
-  bool In(std::uint32_t set, T ch) const {
-    const unsigned code = CodeOf(ch);
-    if (code > 255) return InHigh(set, ch);
-    return (low_[set][code >> 5] & (1u << (code & 31))) != 0;
-  }
-  bool InHigh(std::uint32_t set, T ch) const {
-    for (int i = 0; i < high_count_[set]; ++i) {
-      if (high_[set][i] == ch) return true;
-    }
-    return false;
-  }
-  template <typename F>
-  void ForEachMember(std::uint32_t set, F f) const {
+  // The set of `ch`, as the next one; false if it has more than two members.
+  bool AddSet(T ch) {
+    const std::uint32_t d = distinct_++;
+    char_[d] = ch;
+    int count = 0;
+    auto add = [&](T member) {
+      if (count < 2) member_[d][count] = member;
+      ++count;
+    };
     for (unsigned code = 0; code < 256; ++code) {
-      if (low_[set][code >> 5] & (1u << (code & 31))) f(static_cast<T>(code));
+      const T low = static_cast<T>(code);
+      if (CharEqual(&low, &ch, true)) add(low);
     }
-    for (int i = 0; i < high_count_[set]; ++i) f(high_[set][i]);
+    if constexpr (sizeof(T) > 1) {
+      const T forms[3] = {ch, static_cast<T>(std::towupper(ch)), static_cast<T>(std::towlower(ch))};
+      for (int i = 0; i < 3; ++i) {
+        const bool again = (i > 0 && forms[i] == forms[0]) || (i > 1 && forms[i] == forms[1]);
+        if (forms[i] > 255 && !again && CharEqual(&forms[i], &ch, true)) add(forms[i]);
+      }
+    }
+    if (count == 1) member_[d][1] = member_[d][0];
+    return count <= 2;
   }
 
-  std::uint32_t m_ = 0;
   std::uint32_t distinct_ = 0;
-  T char_[kMaxDistinct];                 // The term character of each set.
-  std::uint32_t low_[kMaxDistinct][8];   // Members below 256, as 256-bit sets.
-  T high_[kMaxDistinct][3];              // Members above 255 (wide terms only).
-  int high_count_[kMaxDistinct];
-  std::uint8_t set_of_[kMaxTerm];        // The set of each place.
-  Filter<T, 2, kMaxMembers> filter_{};
+  T char_[kMaxDistinct];       // The term character of each set.
+  T member_[kMaxDistinct][2];  // Its members (twice the one of a set of one).
+  T forms_[2][kMaxTerm];       // The members of each place's set.
+  Filter<T, 3, 2> filter_{};
 };
 
 // For routes that need no guard: every text character is known to the filter and the table.
@@ -709,19 +671,6 @@ class WideCaselessGuard {
   std::uint32_t plain_[65536 / 32];  // Code units found plain so far.
 };
 
-// Runs the vector route with the widest instruction set that the processor offers and `tuning`
-// allows.
-template <typename T, int kPlaces, int kMembers, typename Verify, typename Guard, typename Sink>
-std::uint32_t RunGreedyScan(const T* text, std::uint32_t n, std::uint32_t m,
-                            const Filter<T, kPlaces, kMembers>& filter, Verify verify,
-                            bool whole_words, T delimiter, Guard& guard, Sink& sink,
-                            bool avx2) {
-  if (avx2) {
-    return avx2::GreedyScan(text, n, m, filter, verify, whole_words, delimiter, guard, sink);
-  }
-  return sse2::GreedyScan(text, n, m, filter, verify, whole_words, delimiter, guard, sink);
-}
-
 // The greedy route of a caseless search over the sets that Prepare made for `query`, guarded
 // where the text is wide.
 template <typename T, typename Sink>
@@ -729,16 +678,23 @@ std::uint32_t ClassSetScan(const T* text, std::uint32_t n, const CSearchQuery<T>
                            const CaselessClassSets<T>& sets, bool whole_words, T delimiter,
                            Sink& sink, bool avx2) {
   const auto m = static_cast<std::uint32_t>(query.termLength);
-  auto verify = [&sets](const T* p) { return sets.Verify(p); };
+  auto run = [&](auto& guard) -> std::uint32_t {
+    if (avx2) {
+      return avx2::GreedyScan(text, n, m, sets.filter(),
+                              avx2::FormsVerifier<T>{sets.form(0), sets.form(1), m}, whole_words,
+                              delimiter, guard, sink);
+    }
+    return sse2::GreedyScan(text, n, m, sets.filter(),
+                            sse2::FormsVerifier<T>{sets.form(0), sets.form(1), m}, whole_words,
+                            delimiter, guard, sink);
+  };
   if constexpr (sizeof(T) == 1) {
     NoGuard guard;
-    return RunGreedyScan(text, n, m, sets.filter(), verify, whole_words, delimiter, guard, sink,
-                         avx2);
+    return run(guard);
   } else {
     WideCaselessGuard guard(text, n, query, whole_words, sets,
                             avx2 ? &avx2::FindHigh : &sse2::FindHigh);
-    return RunGreedyScan(text, n, m, sets.filter(), verify, whole_words, delimiter, guard, sink,
-                         avx2);
+    return run(guard);
   }
 }
 
