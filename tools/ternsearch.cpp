@@ -375,7 +375,7 @@ class Run {
     } else if (directory) {
       Walk(operand, shown);
     } else {
-      File(operand, shown);
+      File(operand, shown, false);
     }
   }
 
@@ -393,7 +393,9 @@ class Run {
     if (found > 0) found_ = true;
   }
 
-  void File(const std::wstring& path, const std::wstring& shown) {
+  // `disk`: known to be a file on disk (found in a directory), so that its type need not be
+  // asked.
+  void File(const std::wstring& path, const std::wstring& shown, bool disk) {
     ScopedHandle handle(CreateFileW(path.c_str(), GENERIC_READ,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                     nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
@@ -402,8 +404,8 @@ class Run {
       failed_ = true;
       return;
     }
-    Searched(searcher_.Search(handle.Get(), GetFileType(handle.Get()) == FILE_TYPE_DISK, shown,
-                              ShowNames()));
+    disk = disk || GetFileType(handle.Get()) == FILE_TYPE_DISK;
+    Searched(searcher_.Search(handle.Get(), disk, shown, ShowNames()));
   }
 
   // The entries of `path` in order of name (by UTF-16 code units), depth first. Links to other
@@ -437,7 +439,7 @@ class Run {
       if (entry.directory) {
         Walk(base + entry.name, prefix + entry.name);
       } else {
-        File(base + entry.name, prefix + entry.name);
+        File(base + entry.name, prefix + entry.name, true);
       }
     }
   }
