@@ -5,6 +5,7 @@
 # match when its output is /dev/null, and Wine writes there slowly). A run of the tool that
 # searches nothing (--help) gives the floor of starting a program under Wine; the last column,
 # (ternsearch - floor) / grep, is what the search itself costs against grep's whole run.
+# Seconds, medians; the load average shows how busy the machine was.
 #
 #   bench/grep_compare.sh [TERNSEARCH.EXE]
 #
@@ -61,42 +62,46 @@ fi
 
 out="$data/out.txt"
 now() { date +%s%N; }
-# Median wall time in seconds of 5 runs of "$@" in $data, output to $out.
-median() {
-  local times=() start
-  for _ in 1 2 3 4 5; do
-    start=$(now)
-    (cd "$data" && "$@" >"$out" 2>/dev/null) || true
-    times+=($(( $(now) - start )))
-  done
-  printf '%s\n' "${times[@]}" | sort -n | sed -n 3p | awk '{ printf "%.3f", $1 / 1e9 }'
+# Wall time in nanoseconds of "$@" run in $data with its output to $out.
+timed() {
+  local start
+  start=$(now)
+  (cd "$data" && "$@" >"$out" 2>/dev/null) || true
+  echo $(( $(now) - start ))
 }
+median() { sort -n | sed -n 3p; }
 
 rare=Sleepycat
 common=Software
-floor=$(median "$wine" "$exe" --help)
-echo "ternsearch: $exe ($wine)"
-echo "Wine floor (ternsearch --help): $floor s; load: $(cut -d' ' -f1-3 /proc/loadavg)"
-printf '%-30s %10s %10s %10s %16s\n' case "ternsearch" grep ratio "(tern-floor)/grep"
+echo "ternsearch: $exe ($wine); load before: $(cut -d' ' -f1-3 /proc/loadavg)"
+printf '%-28s %9s %9s %9s %7s %18s\n' case floor ternsearch grep ratio "(tern-floor)/grep"
+# Five rounds of the floor, ternsearch and grep, interleaved so that a change of the machine's
+# load meets all three alike; the medians of each.
 row() {
-  local label=$1 tern_args=$2 grep_args=$3 tern grep_time
-  # shellcheck disable=SC2086
-  tern=$(median "$wine" "$exe" $tern_args)
-  # shellcheck disable=SC2086
-  grep_time=$(median grep $grep_args)
-  awk -v l="$label" -v t="$tern" -v g="$grep_time" -v f="$floor" 'BEGIN {
-    printf "%-30s %10.3f %10.3f %10.2f %16.2f\n", l, t, g, t / g, (t - f) / g }'
+  local label=$1 tern_args=$2 grep_args=$3 floors=() terns=() greps=()
+  for _ in 1 2 3 4 5; do
+    floors+=("$(timed "$wine" "$exe" --help)")
+    # shellcheck disable=SC2086
+    terns+=("$(timed "$wine" "$exe" $tern_args)")
+    # shellcheck disable=SC2086
+    greps+=("$(timed grep $grep_args)")
+  done
+  awk -v l="$label" -v f="$(printf '%s\n' "${floors[@]}" | median)" \
+      -v t="$(printf '%s\n' "${terns[@]}" | median)" -v g="$(printf '%s\n' "${greps[@]}" | median)" \
+      'BEGIN { printf "%-28s %9.3f %9.3f %9.3f %7.2f %18.2f\n", l, f / 1e9, t / 1e9, g / 1e9,
+               t / g, (t - f) / g }'
 }
-for term in $rare $common; do
-  kind=rare
-  [ "$term" = "$common" ] && kind=common
+for kind in rare common; do
+  term=$rare
+  [ $kind = common ] && term=$common
   row "-c $kind" "-c $term corpus.txt" "-F -c $term corpus.txt"
   row "-n $kind" "-n $term corpus.txt" "-F -n $term corpus.txt"
   row "-i -n $kind" "-i -n $term corpus.txt" "-F -i -n $term corpus.txt"
   row "-w -c $kind" "-w -c $term corpus.txt" "-F -w -c $term corpus.txt"
 done
-for term in $rare $common; do
-  kind=rare
-  [ "$term" = "$common" ] && kind=common
+for kind in rare common; do
+  term=$rare
+  [ $kind = common ] && term=$common
   row "-r -n $kind (20,000 files)" "-r -n $term tree" "-r -F -n $term tree"
 done
+echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)"

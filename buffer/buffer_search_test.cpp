@@ -359,7 +359,8 @@ TEST(BufferSearchTest, CharacterTests) {
 // line delimiters (zero through the short form), with a stop callback that never stops (which
 // keeps to the scan's own alignments) and without one (which takes the fast routes). Each result
 // is read back through GetResult and GetResultLength. The scan's routes with set-up costs are
-// also taken at any text length, with AVX2 where the processor has it and with SSE2 alone.
+// also taken at any text length, with AVX2 where the processor has it or with SSE2 alone, by
+// turns (the wide caseless set-up asks the C runtime hundreds of times, slowly under Wine).
 // Counts the cases run in `cases` (void, for the ASSERTs).
 template <typename T>
 void CompareWithReference(std::uint32_t seed, int texts, int* cases) {
@@ -407,13 +408,11 @@ void CompareWithReference(std::uint32_t seed, int texts, int* cases) {
                                                  nullptr, delimiter));
         ASSERT_EQ(expected, StoredResults(buffer));
 
-        for (const internal::ScanTuning& tuning : {kEager, kEagerSse2}) {
-          search_test::Results routed;
-          auto sink = [&routed](std::uint64_t result) { routed.push_back(result); };
-          internal::ScanText(text.data(), n, query, flags, nullptr, nullptr, delimiter, sink,
-                             tuning);
-          ASSERT_EQ(expected, routed) << (tuning.allow_avx2 ? "avx2 allowed" : "sse2");
-        }
+        const internal::ScanTuning& tuning = (round + delimiter) % 2 == 0 ? kEager : kEagerSse2;
+        search_test::Results routed;
+        auto sink = [&routed](std::uint64_t result) { routed.push_back(result); };
+        internal::ScanText(text.data(), n, query, flags, nullptr, nullptr, delimiter, sink, tuning);
+        ASSERT_EQ(expected, routed) << (tuning.allow_avx2 ? "avx2 allowed" : "sse2");
       }
     }
   }
