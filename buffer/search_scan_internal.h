@@ -477,16 +477,17 @@ void PickFilterPlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t* 
 }
 
 // The term's rarest places by `rank`: two as PickFilterPlaces chooses them, and a third from
-// four characters on, which pays for its extra compares by far fewer false candidates in
+// `third_from` characters on, which pays for its extra compares by far fewer false candidates in
 // ordinary text. For shorter terms the third place repeats the second.
 template <typename T, typename Rank>
-void PickThreePlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t places[3]) {
+void PickThreePlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t third_from,
+                     std::uint32_t places[3]) {
   places[0] = places[1] = places[2] = 0;
   if (m < 2) return;
   PickFilterPlaces(term, m, rank, &places[0], &places[1]);
   places[2] = places[1];
   int best = 1 << 30;
-  for (std::uint32_t k = 0; m >= 4 && k < m; ++k) {
+  for (std::uint32_t k = 0; m >= third_from && k < m; ++k) {
     if (k != places[0] && k != places[1] && rank(k) < best) {
       best = rank(k);
       places[2] = k;
@@ -494,11 +495,12 @@ void PickThreePlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t pl
   }
 }
 
-// The filter of a search by value: the term's three rarest places (see Commonness).
+// The filter of a search by value: the term's three rarest places (see Commonness), the third
+// from four characters on.
 template <typename T>
 Filter<T, 3, 1> ValueFilter(const T* term, std::uint32_t m) {
   Filter<T, 3, 1> filter{};
-  PickThreePlaces(term, m, [term](std::uint32_t k) { return Commonness(CodeOf(term[k])); },
+  PickThreePlaces(term, m, [term](std::uint32_t k) { return Commonness(CodeOf(term[k])); }, 4,
                   filter.place);
   for (int i = 0; i < 3; ++i) filter.member[i][0] = term[filter.place[i]];
   return filter;
@@ -540,7 +542,9 @@ class CaselessClassSets {
       const int first = Commonness(CodeOf(forms_[0][k]));
       return forms_[1][k] == forms_[0][k] ? first : first + Commonness(CodeOf(forms_[1][k]));
     };
-    PickThreePlaces(term, m, rank, filter_.place);
+    // Three places from three characters on: two letters of either case let through more
+    // false candidates than one letter does.
+    PickThreePlaces(term, m, rank, 3, filter_.place);
     for (int i = 0; i < 3; ++i) {
       filter_.member[i][0] = forms_[0][filter_.place[i]];
       filter_.member[i][1] = forms_[1][filter_.place[i]];
