@@ -17,7 +17,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build_root="${TERN_BUILD_DIR:-$root/build}"
 exe=${1:-}
 if [ -z "$exe" ]; then
-  for candidate in "$build_root/bench-x86_64/bin/ternsearch.exe" "$build_root/x86_64/bin/ternsearch.exe"; do
+  for candidate in "$build_root"/{bench-x86_64,x86_64}/bin/ternsearch.exe; do
     if [ -f "$candidate" ]; then exe=$candidate; break; fi
   done
 fi
@@ -30,9 +30,9 @@ export WINEDLLOVERRIDES="${WINEDLLOVERRIDES:-mscoree,mshtml=;winex11.drv,wineway
 unset DISPLAY WAYLAND_DISPLAY
 # A 64-bit program starts through Wine's 64-bit loader, as scripts/wine-run.sh starts it.
 wine=wine
-if [ -x /usr/lib/wine/wine64 ] && [ "$(od -An -tx2 -j$(($(od -An -tu4 -j60 -N4 "$exe" | tr -d ' ') + 4)) -N2 "$exe" | tr -d ' ')" = 8664 ]; then
-  wine=/usr/lib/wine/wine64
-fi
+pe=$(od -An -tu4 -j60 -N4 "$exe" | tr -d ' ')
+machine=$(od -An -tx2 -j$((pe + 4)) -N2 "$exe" | tr -d ' ')
+if [ -x /usr/lib/wine/wine64 ] && [ "$machine" = 8664 ]; then wine=/usr/lib/wine/wine64; fi
 # A Wine server that outlives each run (for a minute after the last), as it would for a user.
 wineserver -p60 >/dev/null 2>&1 </dev/null || true
 
@@ -87,7 +87,8 @@ row() {
     greps+=("$(timed grep $grep_args)")
   done
   awk -v l="$label" -v f="$(printf '%s\n' "${floors[@]}" | median)" \
-      -v t="$(printf '%s\n' "${terns[@]}" | median)" -v g="$(printf '%s\n' "${greps[@]}" | median)" \
+      -v t="$(printf '%s\n' "${terns[@]}" | median)" \
+      -v g="$(printf '%s\n' "${greps[@]}" | median)" \
       'BEGIN { printf "%-28s %9.3f %9.3f %9.3f %7.2f %18.2f\n", l, f / 1e9, t / 1e9, g / 1e9,
                t / g, (t - f) / g }'
 }

@@ -83,7 +83,9 @@ void BM_ResultsFresh(benchmark::State& state) {
           buffer.reset();
           buffer = std::make_unique<KVT::CBuffer<char>>();
         },
-        [&] { found = buffer->Search(text.data(), Length(text), 0, query, nullptr, nullptr, '\n'); }));
+        [&] {
+          found = buffer->Search(text.data(), Length(text), 0, query, nullptr, nullptr, '\n');
+        }));
   }
   Report(state, found);
 }

@@ -221,7 +221,8 @@ TEST(BufferSearchTest, ManyResultsAcrossGrowthStepsMatchTheReference) {
   for (std::size_t size : {text.size(), text.size(), text.size() / 7, text.size()}) {
     SCOPED_TRACE(size);
     const std::string part = text.substr(0, size);
-    const search_test::Results expected = search_test::NaiveSearch(part, std::string("ab"), 0, '\n');
+    const search_test::Results expected =
+        search_test::NaiveSearch(part, std::string("ab"), 0, '\n');
     ASSERT_EQ(expected.size(), buffer.Search(part.data(), static_cast<int>(size), 0, query,
                                              nullptr, nullptr, '\n'));
     ASSERT_EQ(expected, StoredResults(buffer));

@@ -58,7 +58,8 @@ class XArrayRecordPool {
     Block* previous;
   };
   // Records start behind the block's link, at their own alignment.
-  static constexpr std::size_t kRecordsAt = (sizeof(Block) + alignof(R) - 1) / alignof(R) * alignof(R);
+  static constexpr std::size_t kRecordsAt =
+      (sizeof(Block) + alignof(R) - 1) / alignof(R) * alignof(R);
 
   bool AddBlock() {
     void* memory = ::operator new(kRecordsAt + next_records_ * sizeof(R), std::nothrow);

@@ -238,7 +238,11 @@ class Searcher {
         Fail(file, "too large for the buffer");
         return -1;
       }
-      const int room = static_cast<int>(kept + kPieceBytes);
+      int room = static_cast<int>(kept + kPieceBytes);
+      if (kept >= kPieceBytes && room > buffer_.capacity) {
+        // A line longer than a piece doubles the block, lest each piece copy the line again.
+        room = std::max(room, std::min(INT_MAX / 2, buffer_.capacity) * 2);
+      }
       buffer_.Realloc(room);
       if (buffer_.capacity < room) {
         Fail(file, "too large for the buffer (out of memory)");
@@ -274,7 +278,7 @@ class Searcher {
         if (found > 0 && options_.names_only) break;
       }
       kept = total - cut * sizeof(T);
-      std::memmove(bytes, bytes + cut * sizeof(T), kept);
+      if (cut > 0) std::memmove(bytes, bytes + cut * sizeof(T), kept);
     }
     if (options_.names_only) {
       if (found > 0) {

@@ -1,5 +1,7 @@
-# Runs ternsearch over the bundled texts in tests/data and checks its output and exit status.
-#   cmake -DTOOL=<ternsearch.exe> -DRUN=<emulator or empty> -DDATA=<tests/data> -P ternsearch_test.cmake
+# Runs ternsearch over the bundled texts in tests/data and checks its output and exit status, and
+# over a text longer than its pieces against GNU grep.
+#   cmake -DTOOL=<ternsearch.exe> -DRUN=<emulator or empty> -DDATA=<tests/data>
+#         -DWORK=<scratch folder> -P ternsearch_test.cmake
 
 set(failures 0)
 
@@ -71,7 +73,8 @@ tree\\root.txt:1:A fox in the root.
 # -l wins over -c and prints names even with -h.
 check(names EXIT 0 ARGS -rlich fox tree OUT
 "tree\\B.txt\ntree\\docs\\fox.txt\ntree\\docs\\old\\notes.txt\ntree\\root.txt\n")
-check(no_names EXIT 0 ARGS -rch fox tree OUT "0\n2\n2\n0\n1\n")
+# After -- a term may start with a dash.
+check(no_names EXIT 0 ARGS -rch -- -fox tree OUT "0\n0\n1\n0\n0\n")
 # Standard input: without FILE unnamed, with -H as grep names it; -n is accepted.
 check(stdin EXIT 0 INPUT ${s} ARGS -c fox OUT "7\n")
 check(stdin_named EXIT 0 INPUT ${s} ARGS -Hn -w fox - OUT
@@ -79,7 +82,16 @@ check(stdin_named EXIT 0 INPUT ${s} ARGS -Hn -w fox - OUT
 (standard input):2:A fox, a FOX and a foxglove.
 (standard input):4:foxfox fox_fox
 ")
-# After -- a term may start with a dash.
-check(dash_term EXIT 0 ARGS -- -fox tree/docs/old/notes.txt OUT
-"tree/docs/old/notes.txt:2:older -fox\n")
 check(help EXIT 0 ARGS --help MATCH "^usage: ternsearch.*-r .*'ba a a' holds no whole word 'a a'")
+
+# A text of 3 MiB, read in several pieces, with lines of many lengths, one of them longer than a
+# piece: the lines printed are grep's, line numbers and all, and -c counts grep's matches.
+string(RANDOM LENGTH 4000 ALPHABET "fox ab\nfo" RANDOM_SEED 7 block)
+string(REPEAT "${block}" 400 text)
+string(REPEAT "a" 1500000 long)
+file(WRITE "${WORK}/long.txt" "${text}${long}fox${text}fox")
+execute_process(COMMAND grep -H -n -F fox "${WORK}/long.txt" OUTPUT_VARIABLE lines)
+execute_process(COMMAND grep -o -F fox "${WORK}/long.txt" COMMAND wc -l OUTPUT_VARIABLE matches)
+string(STRIP "${matches}" matches)
+check(pieces EXIT 0 ARGS -n fox "${WORK}/long.txt" OUT "${lines}")
+check(pieces_count EXIT 0 ARGS -c fox "${WORK}/long.txt" OUT "${WORK}/long.txt:${matches}\n")
