@@ -542,18 +542,26 @@ class CaselessClassSets {
       const int first = Commonness(CodeOf(forms_[0][k]));
       return forms_[1][k] == forms_[0][k] ? first : first + Commonness(CodeOf(forms_[1][k]));
     };
-    // Three places from three characters on: two letters of either case let through more
-    // false candidates than one letter does.
-    PickThreePlaces(term, m, rank, 3, filter_.place);
+    // A third place (from three characters on) pays only where the two rarest places are
+    // common letters, which let through many false candidates in either case; rarer ones filter
+    // well enough alone, and a third costs each vector more compares.
+    PickThreePlaces(term, m, rank, 3, three_.place);
+    three_places_ = m >= 3 && rank(three_.place[0]) + rank(three_.place[1]) >= kCommonPair;
+    two_.place[0] = three_.place[0];
+    two_.place[1] = three_.place[1];
     for (int i = 0; i < 3; ++i) {
-      filter_.member[i][0] = forms_[0][filter_.place[i]];
-      filter_.member[i][1] = forms_[1][filter_.place[i]];
+      for (int f = 0; f < 2; ++f) {
+        three_.member[i][f] = forms_[f][three_.place[i]];
+        if (i < 2) two_.member[i][f] = forms_[f][two_.place[i]];
+      }
     }
     return true;
   }
 
   const T* form(int i) const { return forms_[i]; }
-  const Filter<T, 3, 2>& filter() const { return filter_; }
+  bool three_places() const { return three_places_; }
+  const Filter<T, 3, 2>& three() const { return three_; }
+  const Filter<T, 2, 2>& two() const { return two_; }
 
   // Whether the sets are right about `ch`, a code unit above 255: the C runtime calls it equal
   // to exactly the term characters whose sets hold it.
@@ -593,8 +601,14 @@ class CaselessClassSets {
   std::uint32_t distinct_ = 0;
   T char_[kMaxDistinct];       // The term character of each set.
   T member_[kMaxDistinct][2];  // Its members (twice the one of a set of one).
+  // Two places whose Commonness together reaches this hold common letters (such as t and h in
+  // either case); a rare letter and a common one stay below it.
+  static constexpr int kCommonPair = 400;
+
   T forms_[2][kMaxTerm];       // The members of each place's set.
-  Filter<T, 3, 2> filter_{};
+  bool three_places_ = false;
+  Filter<T, 3, 2> three_{};
+  Filter<T, 2, 2> two_{};
 };
 
 // For routes that need no guard: every text character is known to the filter and the table.
@@ -682,15 +696,18 @@ std::uint32_t ClassSetScan(const T* text, std::uint32_t n, const CSearchQuery<T>
                            const CaselessClassSets<T>& sets, bool whole_words, T delimiter,
                            Sink& sink, bool avx2) {
   const auto m = static_cast<std::uint32_t>(query.termLength);
-  auto run = [&](auto& guard) -> std::uint32_t {
+  auto with = [&](auto& guard, const auto& filter) -> std::uint32_t {
     if (avx2) {
-      return avx2::GreedyScan(text, n, m, sets.filter(),
+      return avx2::GreedyScan(text, n, m, filter,
                               avx2::FormsVerifier<T>{sets.form(0), sets.form(1), m}, whole_words,
                               delimiter, guard, sink);
     }
-    return sse2::GreedyScan(text, n, m, sets.filter(),
+    return sse2::GreedyScan(text, n, m, filter,
                             sse2::FormsVerifier<T>{sets.form(0), sets.form(1), m}, whole_words,
                             delimiter, guard, sink);
+  };
+  auto run = [&](auto& guard) {
+    return sets.three_places() ? with(guard, sets.three()) : with(guard, sets.two());
   };
   if constexpr (sizeof(T) == 1) {
     NoGuard guard;
