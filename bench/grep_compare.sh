@@ -76,10 +76,13 @@ common=Software
 echo "ternsearch: $exe ($wine); load before: $(cut -d' ' -f1-3 /proc/loadavg)"
 printf '%-28s %9s %9s %9s %7s %18s\n' case floor ternsearch grep ratio "(tern-floor)/grep"
 # Five rounds of the floor, ternsearch and grep, interleaved so that a change of the machine's
-# load meets all three alike; the medians of each.
+# load meets all three alike; the medians of each. Each round starts with an untimed run, so that
+# the floor and ternsearch both start right behind another program under Wine (Wine's own
+# helper processes end when they have been idle for a moment, and the next start waits for them).
 row() {
   local label=$1 tern_args=$2 grep_args=$3 floors=() terns=() greps=()
   for _ in 1 2 3 4 5; do
+    timed "$wine" "$exe" --help >/dev/null
     floors+=("$(timed "$wine" "$exe" --help)")
     # shellcheck disable=SC2086
     terns+=("$(timed "$wine" "$exe" $tern_args)")
