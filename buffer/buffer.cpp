@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -15,6 +16,9 @@ namespace {
 using Holders = std::atomic<long>;
 constexpr std::size_t kHeaderBytes = 16;
 static_assert(sizeof(Holders) <= kHeaderBytes, "the holder count must fit the block header");
+static_assert(alignof(Holders) <= alignof(std::max_align_t) &&
+                  kHeaderBytes % alignof(std::max_align_t) == 0,
+              "the count sits at the start of a malloc block, and `data` keeps malloc's alignment");
 
 char* BlockBase(void* data) { return static_cast<char*>(data) - kHeaderBytes; }
 Holders& BlockHolders(void* data) { return *reinterpret_cast<Holders*>(BlockBase(data)); }

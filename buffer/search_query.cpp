@@ -13,12 +13,17 @@ namespace {
 // Copies of a query share its arrays (the assignment must not copy them), and the class has no
 // room for an owner flag, so each array carries a hidden reference count in front of it. The
 // count is atomic because two queries sharing arrays may live on different threads.
+// operator new gives malloc's alignment, which std::max_align_t states (8 bytes in 32-bit
+// processes, though GCC's own default for new is 16): the header asks for no more.
 struct alignas(8) SharedHeader {
   std::atomic<long> refs;
 };
+static_assert(alignof(SharedHeader) <= alignof(std::max_align_t),
+              "the header sits at the start of a block of operator new");
 
 template <typename E>
 E* NewShared(std::size_t count) {
+  static_assert(sizeof(SharedHeader) % alignof(E) == 0, "the array must stay aligned");
   void* block = ::operator new[](sizeof(SharedHeader) + count * sizeof(E), std::nothrow);
   if (block == nullptr) return nullptr;
   new (block) SharedHeader{{1}};

@@ -63,6 +63,20 @@ function(tern_runtime_dlls out)
   set(${out} "${dlls}" PARENT_SCOPE)
 endfunction()
 
+# The project's version, for a program's --version (TERN_VERSION, a string literal).
+function(tern_program_version target)
+  target_compile_definitions(${target} PRIVATE TERN_VERSION="${PROJECT_VERSION}")
+endfunction()
+
+# A program of the project, linked like an application of the library, that knows the version.
+function(tern_add_program name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE TernCoreLib::TernCoreLib tern_windows_flags)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  tern_program_version(${name})
+  tern_link_runtime(${name})
+endfunction()
+
 # A subsystem folder's object library; the DLL target in lib/ combines them.
 function(tern_add_subsystem name)
   add_library(${name} OBJECT ${ARGN})

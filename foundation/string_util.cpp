@@ -9,6 +9,7 @@
 
 #include "foundation/memory.h"
 #include "foundation/temp_string.h"
+#include "foundation/temp_string_ring.h"
 #include "foundation/win.h"
 
 namespace KVT {
@@ -297,11 +298,24 @@ CharT const* FormatV(CharT const* format, va_list args) {
 template <typename ToCharT, typename FromCharT>
 ToCharT const* Convert(FromCharT const* text, std::uint32_t code_page) {
   if (!IsGood(text) || *text == FromCharT()) return nullptr;
-  const int chars = ConvertText(text, code_page, static_cast<ToCharT*>(nullptr), 0);
-  if (chars <= 0) return nullptr;
-  ToCharT* output = nullptr;
-  if (!KVTGetTmpString(output, static_cast<std::uint32_t>(chars))) return nullptr;
-  ConvertText(text, code_page, output, chars);
+  const int measured = ConvertText(text, code_page, static_cast<ToCharT*>(nullptr), 0);
+  if (measured <= 0 || static_cast<std::uint32_t>(measured) > kMaxTempStringChars) return nullptr;
+  auto& ring = internal::RingFor(static_cast<ToCharT*>(nullptr));
+  const std::uint32_t slot = ring.TakeSlot();
+  ToCharT* output = ring.Ensure(slot, static_cast<std::uint32_t>(measured));
+  if (output == nullptr) return nullptr;
+  // The output ends where the converting call says, not where a terminator is assumed to be.
+  const int written = ConvertText(text, code_page, output, measured);
+  if (written <= 0 || written > measured) return nullptr;
+  if (output[written - 1] == ToCharT()) return output;
+  // The platform left the terminator out of both counts (Wine's UTF-8 conversion of a text that
+  // ends inside a sequence does): the same slot grows by the one character that holds it, so the
+  // conversion still costs one take.
+  const auto with_terminator = static_cast<std::uint32_t>(written) + 1;
+  if (with_terminator > kMaxTempStringChars) return nullptr;
+  output = ring.Grow(slot, with_terminator);
+  if (output == nullptr) return nullptr;
+  output[written] = ToCharT();
   return output;
 }
 

@@ -171,7 +171,10 @@ TERN_API wchar_t const* StrFormat(wchar_t const* format, ...);
 // `text` converted from `codePage` (0 is the system's ANSI code page) to a temporary string of
 // the wide ring. `codePage` is handed to MultiByteToWideChar unchanged; it is no length. Null for
 // bad or empty text (empty text doesn't convert to empty text), when the platform can't measure
-// the result, or when it needs more than 512000 characters.
+// or convert the text, or when the result needs more than 512000 characters.
+// The result is always terminated, behind the characters that the converting call reports: a
+// platform that leaves the terminator out of its counts (Wine does for UTF-8 that ends inside a
+// sequence: "\xF1" measures and converts as 1 unit) gets one more character in the same slot.
 TERN_API wchar_t const* StrConvert(char const* text, std::uint32_t codePage);
 
 // The reverse, through WideCharToMultiByte without a default character, into a temporary string

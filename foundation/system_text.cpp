@@ -28,7 +28,10 @@ CharT const* GetErrorMessage(std::uint32_t code) {
     static const CharT kEmpty[1] = {};
     return kEmpty;
   }
-  FormatSystemMessage(code, text);  // Its result does not matter: the text starts out empty.
+  // The text ends where the call's count says: a call that fails, or that converts a message
+  // and leaves its terminator out, still leaves a terminated text (empty on failure).
+  const DWORD written = FormatSystemMessage(code, text);
+  text[written < kErrorTextChars ? written : 0] = CharT();
   return text;
 }
 

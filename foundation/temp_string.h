@@ -16,6 +16,14 @@ namespace KVT {
 // slow: copy the text, or finish with it, before doing anything that takes many temporary
 // strings. The two rings never disturb each other.
 //
+// The limit counts takes by every thread, and a thread can be pre-empted while it holds a text:
+// where many threads take temporary strings, each copies its text out (or finishes with it) at
+// once. Past the limit two takers can be handed one slot at the same moment, and if both grow
+// it, the heap is corrupted. The rings have no guard against that, by choice: a claim flag per
+// slot would cover only the moment of growth, while the holder that was overrun writes into a
+// block that the taker after it may have moved anyway; and it would cost every take a second
+// atomic operation and the fixed order of the slots.
+//
 // A slot's block only grows and is never cleared: reuse sets the first character to the
 // terminator and leaves the rest as the last user left it.
 

@@ -36,6 +36,13 @@ class TempStringRing {
   // 4 bytes of capacity followed by the characters; it grows to the exact size asked and never
   // shrinks. Null when the heap fails; the slot then keeps the block it had.
   CharT* Ensure(std::uint32_t slot, std::uint32_t chars) {
+    CharT* text = Grow(slot, chars);
+    if (text != nullptr) text[0] = CharT();
+    return text;
+  }
+
+  // The same, but the text stays as it was: a block that moves takes its characters along.
+  CharT* Grow(std::uint32_t slot, std::uint32_t chars) {
     const std::uint32_t bytes = chars * static_cast<std::uint32_t>(sizeof(CharT)) + kHeaderBytes;
     void* block = slots_[slot];
     if (block == nullptr) {
@@ -49,9 +56,7 @@ class TempStringRing {
       slots_[slot] = block;
       SetCapacity(block, chars);
     }
-    CharT* text = TextOf(block);
-    text[0] = CharT();
-    return text;
+    return TextOf(block);
   }
 
   std::uint32_t SlotCapacity(std::uint32_t slot) const {

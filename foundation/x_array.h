@@ -15,8 +15,8 @@
 // One record of an XArray: the value and whether the array must release it.
 template <typename T>
 struct XArrayEntry {
-  T value;
-  bool owned;
+  T value;     // The value, or the pointer that the record holds.
+  bool owned;  // Whether the array releases the value (see XArray::Add).
 };
 
 // The allocator of an XArray's records. Each record is made and destroyed one at a time, but its
@@ -126,6 +126,7 @@ class XArrayRecordPool {
 template <typename T>
 class XArray {
  public:
+  // The record type behind each slot.
   using Entry = XArrayEntry<T>;
 
   // The zero T that reads outside the array refer to.
@@ -139,12 +140,15 @@ class XArray {
       : entries(nullptr), capacity(0), growStep(growStep < 2 ? 2 : growStep), sorted(true),
         count(0) {}
 
+  // Shares `other`'s table and records (see "Copies" above).
   XArray(const XArray& other)
       : entries(other.entries), capacity(other.capacity), growStep(other.growStep),
         sorted(other.sorted), count(other.count) {
     Hold(entries);
   }
 
+  // Shares `other`'s table and records; drops the hold on its own without releasing it (see
+  // "Copies" above).
   XArray& operator=(const XArray& other) {
     if (this == &other) return *this;
     Hold(other.entries);

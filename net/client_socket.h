@@ -17,7 +17,8 @@ class ISOReceiver {
   virtual bool IsStopping() = 0;
   // One chunk of the stream as it came, `length` >= 1 bytes at `data`, which is `socket`'s own
   // buffer and is overwritten by the next read: copy what you keep. True asks for the next read,
-  // false ends the loop.
+  // false ends the loop but leaves the connection open; to close it too (the peer then sees the
+  // end of the stream), call socket->Shutdown() before returning false.
   virtual bool OnReceive(CClientSocket* socket, void* data, int length) = 0;
 
  protected:
@@ -63,7 +64,9 @@ class TERN_API CClientSocket : public CSocket {
   void* Receive(unsigned long flags);
 
  protected:
+  // The thread's entry: ReceiverProc on the object that `parameter` points to.
   static unsigned long __stdcall ReceiverThreadProc(void* parameter);
+  // The receive loop that Receive describes; gives the thread's exit code.
   unsigned long ReceiverProc();
 
   ISOReceiver* receiver;  // Not owned; may be null.

@@ -79,7 +79,9 @@ class TERN_API CServerSocket : public CSocket {
   virtual bool Resume();
 
  protected:
+  // The thread's entry: ListenProc on the object that `parameter` points to.
   static unsigned long __stdcall ListenThreadProc(void* parameter);
+  // The loop that Listen describes; gives the thread's exit code.
   unsigned long ListenProc();
 
   ISOListener* listener;  // Not owned.

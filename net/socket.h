@@ -10,10 +10,15 @@ namespace KVT {
 // The interface of every socket object of the library.
 class ISOSocket {
  public:
+  // The dotted IPv4 text of the socket's address (the peer's, for an accepted connection).
   virtual wchar_t const* GetIPAddress() = 0;
+  // The host name of that address, as far as it is known; the text may be empty.
   virtual wchar_t const* GetHost() = 0;
+  // The port in host byte order; 0 where none was given.
   virtual unsigned short GetPort() = 0;
+  // Shuts down and closes the socket; safe from any thread, also more than once.
   virtual void Shutdown() = 0;
+  // Whether the object was built from a description (server) or over a handle (client).
   virtual SocketClass GetClass() = 0;
   virtual ~ISOSocket() = default;
 };
@@ -55,7 +60,11 @@ class TERN_API CSocket : public ISOSocket {
   // Changes nothing: the target keeps its own description, socket, buffer and lock.
   CSocket& operator=(CSocket& other);
 
+  // `ipAddress`: the peer's dotted address over a handle, the bound address once a server
+  // socket listens; empty before.
   wchar_t const* GetIPAddress() override;
+  // `host`: the peer's name over a handle; the description's host, then the bound address's
+  // name, for a server socket. The text may be empty.
   wchar_t const* GetHost() override;
   // In host byte order.
   unsigned short GetPort() override;
@@ -92,20 +101,20 @@ class TERN_API CSocket : public ISOSocket {
   void Init(int bufferSize);
   void SetSocketError(int error);
 
-  unsigned short family;
-  IPPROTO protocol;
-  unsigned short type;
+  unsigned short family;        // Address family (AF_INET).
+  IPPROTO protocol;             // Protocol (IPPROTO_TCP).
+  unsigned short type;          // Socket type (SOCK_STREAM).
   unsigned short port;          // In host byte order.
-  wchar_t host[1025];
-  wchar_t ipAddress[1025];
+  wchar_t host[1025];           // Host text, terminated (see GetHost).
+  wchar_t ipAddress[1025];      // Dotted IPv4 text, terminated (see GetIPAddress).
   sockaddr_in* address;         // Address block (see CSocketUtil), owned.
   unsigned int socket;          // 0 for none.
-  int bufferSize;
+  int bufferSize;               // Bytes in `buffer`.
   char* buffer;                 // Zero-filled block on the process heap, owned.
-  CLock lock;
-  SocketClass socketClass;
+  CLock lock;                   // The object's lock (see Lock).
+  SocketClass socketClass;      // Set by the constructor (see GetClass).
   void* thread;                 // The serving thread, owned; null for none.
-  unsigned long lastError;
+  unsigned long lastError;      // The last recorded Windows Sockets error; 0 for none.
 };
 
 }  // namespace KVT

@@ -11,10 +11,15 @@ namespace {
 
 // A packet's block on the process heap starts with this header; `packet` points behind it. The
 // header counts the messages that share the block, so that copies of a message release it once.
-// 16 bytes keep the packet as aligned as the heap's blocks are.
-struct alignas(16) BlockHeader {
+// It takes exactly the alignment that the heap guarantees (8 bytes in 32-bit processes, 16 in
+// 64-bit ones): no more, as the header sits at the start of a heap block, and that much in size,
+// so that the packet is as aligned as the heap's blocks are.
+struct alignas(MEMORY_ALLOCATION_ALIGNMENT) BlockHeader {
   LONG users;
 };
+static_assert(alignof(BlockHeader) == MEMORY_ALLOCATION_ALIGNMENT &&
+                  sizeof(BlockHeader) == MEMORY_ALLOCATION_ALIGNMENT,
+              "the header must fit the heap's alignment, and keep the packet at it");
 constexpr std::int64_t kHeaderBytes = sizeof(BlockHeader);
 constexpr std::int64_t kMaxCapacity = INT_MAX - kHeaderBytes;
 

@@ -134,7 +134,7 @@ class TERN_API CSocketMsgReceiver {
   void UnlockQueue();
 
   CSocketMsg* current;  // Under assembly; null between packets. Not guarded by `lock`.
-  CLock lock;
+  CLock lock;                        // Guards `ready` and `reusable`.
   std::deque<CSocketMsg*> ready;     // Oldest first.
   std::deque<CSocketMsg*> reusable;  // Handed out by Pop, oldest first.
 

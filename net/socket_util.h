@@ -10,26 +10,30 @@ namespace KVT {
 // what lies behind a text's terminator. The name lengths are those of getnameinfo (NI_MAXHOST,
 // NI_MAXSERV), terminator included.
 
+// A host name, narrow.
 struct TERN_API TSOHostNameA {
-  char name[1025];
+  char name[1025];  // Terminated.
 };
 
+// A host name, wide.
 struct TERN_API TSOHostNameW {
-  wchar_t name[1025];
+  wchar_t name[1025];  // Terminated.
 };
 
+// A service name, narrow.
 struct TERN_API TSOServiceNameA {
-  char name[32];
+  char name[32];  // Terminated.
 };
 
+// A service name, wide.
 struct TERN_API TSOServiceNameW {
-  wchar_t name[32];
+  wchar_t name[32];  // Terminated.
 };
 
 // The description of a socket that a CServerSocket creates.
 struct TERN_API TSOSocketInfo {
   unsigned short family;  // AF_INET for the library's own use.
-  IPPROTO protocol;
+  IPPROTO protocol;       // IPPROTO_TCP, ...
   unsigned short type;    // SOCK_STREAM, ...
   // A host name or dotted IPv4 text, terminated. Empty or "any" (in any case) means all local
   // addresses.

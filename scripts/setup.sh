@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
 # Installs what the build needs on a Debian 12 machine, and nothing when it is all there already:
 # the MinGW-w64 -posix cross compilers, CMake, Ninja, the GoogleTest sources and Wine with its
-# 32- and 64-bit halves. `setup.sh bench` also fetches Google Benchmark's source package.
+# 32- and 64-bit halves, and Python for the tests that drive the example servers.
+# `setup.sh bench` also fetches Google Benchmark's source package; `setup.sh docs` installs Doxygen.
 set -euo pipefail
 
 want_bench=0
+want_docs=0
 [ "${1:-}" = bench ] && want_bench=1
+[ "${1:-}" = docs ] && want_docs=1
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 third_party="$root/build/third_party"
@@ -34,6 +37,8 @@ have cmake || pkgs+=(cmake)
 have ninja || pkgs+=(ninja-build)
 [ -f /usr/src/googletest/CMakeLists.txt ] || pkgs+=(googletest)
 have dpkg-source || pkgs+=(dpkg-dev)
+have python3 || pkgs+=(python3)
+[ "$want_docs" = 1 ] && ! have doxygen && pkgs+=(doxygen)
 if [ "${#pkgs[@]}" -gt 0 ]; then
   apt_update
   echo "setup: installing ${pkgs[*]}" >&2

@@ -53,6 +53,7 @@ class TERN_API CBitMask {
   // two masks that overlap in word 0 but whose second words are 0 do not pass.
   bool operator&(const CBitMask& other) const;
 
+  // The bits: bit i is bit i % 32 of word i / 32. Owned.
   unsigned int* words;
   // The size last set, in bits.
   unsigned int bitCount;

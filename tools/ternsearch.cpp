@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 #include <string>
 #include <vector>
 
@@ -54,7 +55,7 @@ const char kHelp[] =
     "  -r      search directories recursively, in order of name; without FILE the\n"
     "          current directory\n"
     "  --wide  files are UTF-16LE; TERM and the lines printed are UTF-8\n"
-    "  --help  print this text\n"
+    "  --help  print this text (and --version, alone, the version)\n"
     "  --      end of the options: the next argument is TERM\n"
     "\n"
     "The file name is printed unless the only input is standard input, or -h is given.\n"
@@ -484,6 +485,11 @@ int main() {
 
   int argc = 0;
   wchar_t** argv = CommandLineToArgvW(GetCommandLineW(), &argc);
+  if (argc == 2 && argv != nullptr && std::wcscmp(argv[1], L"--version") == 0) {
+    std::printf("ternsearch %s\n", TERN_VERSION);
+    LocalFree(argv);
+    return 0;
+  }
   Options options;
   const bool ok = argv != nullptr && ParseArguments(argc, argv, &options);
   if (argv != nullptr) LocalFree(argv);

@@ -80,8 +80,11 @@ class CInterfacePtr {
     return pointer_;
   }
 
+  // The pointer, possibly null; no reference is added.
   I* Get() const { return pointer_; }
+  // Whether the pointer is not null.
   explicit operator bool() const { return pointer_ != nullptr; }
+  // Comparisons with null.
   bool operator==(std::nullptr_t) const { return pointer_ == nullptr; }
   bool operator!=(std::nullptr_t) const { return pointer_ != nullptr; }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <cstddef>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -19,6 +20,10 @@ using Holders = std::atomic<long>;
 constexpr std::size_t kRootHeader = alignof(std::max_align_t) > sizeof(Holders)
                                         ? alignof(std::max_align_t)
                                         : sizeof(Holders);
+
+static_assert(alignof(CXMLTag) <= alignof(std::max_align_t) &&
+                  kRootHeader % alignof(CXMLTag) == 0,
+              "the count and the tag must keep the alignment that operator new gives the block");
 
 Holders& RootHolders(CXMLTag* root) {
   return *reinterpret_cast<Holders*>(reinterpret_cast<char*>(root) - kRootHeader);

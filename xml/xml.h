@@ -30,6 +30,14 @@ namespace KVT {
 // destructor (see CXMLTag for the tags below the root). Values from GetValue live in the wide
 // temporary-string ring.
 //
+// Untrusted text. CXml(text) is made for the application's own documents: on a system without
+// 4.0 its 6.0 document accepts a DTD and resolves external references, as 4.0 does by default,
+// so a text from elsewhere can make the parser fetch files or URLs that it names, or expand
+// entities without end. For text you do not trust, build CXml() (which sets nothing), turn both
+// off on `document` before LoadXML (document->put_resolveExternals(VARIANT_FALSE), and
+// setProperty "ProhibitDTD" true), and refuse texts that hold "<!DOCTYPE": not every DOM honours
+// ProhibitDTD (Wine's accepts the property and still loads a DTD).
+//
 // Copies share the document (with a reference of their own) and the tree: the tree is
 // destroyed once, when the last CXml that holds it lets go of it (Reset, a new load, or its
 // destruction). A Reset of one copy leaves the tree, node included, to the others. Copies are
@@ -41,7 +49,8 @@ class TERN_API CXml {
   // `document` stays null and every later load raises E_POINTER.
   CXml();
   // Creates the document; a 6.0 document gets "ProhibitDTD" false, then "ResolveExternals" true,
-  // so that DTDs are accepted and external references resolved (a 4.0 one does so already).
+  // so that DTDs are accepted and external references resolved (a 4.0 one does so already):
+  // not for untrusted text, see above.
   // Then loads `text`; a load that fails leaves GetRoot null. A null `text` raises nothing, even
   // without a document; a text without a document raises E_POINTER, and a property that the
   // document refuses raises its HRESULT.

@@ -52,6 +52,7 @@ class TERN_API CXMLTag : public CXMLToken {
   // node.
   ~CXMLTag();
 
+  // Gives this tag.
   operator CXMLTag*();
 
   // The attribute of exactly this name (case counts), from the cache or else fetched from the

@@ -26,11 +26,16 @@ class CXMLTag;
 // object that holds it, whichever goes first.
 class TERN_API CXMLToken : public CBuffer<wchar_t> {
  public:
+  // The name `text`, copied; null or empty text leaves the name without a block.
   explicit CXMLToken(const wchar_t* text);
+  // Shares `other`'s name block, as CBuffer's copies do.
   CXMLToken(const CXMLToken& other);
   ~CXMLToken();
+  // Shares `other`'s name block, as CBuffer's assignment does.
   CXMLToken& operator=(const CXMLToken& other);
 
+  // Comparisons by CBuffer::Compare: code units as unsigned values, no case folding; a name
+  // without a block sorts before every name with one, even an empty one.
   bool operator==(const CXMLToken& other) const;
   bool operator!=(const CXMLToken& other) const;
   bool operator<(const CXMLToken& other) const;
@@ -64,6 +69,7 @@ class TERN_API CXMLAttribute : public CXMLToken {
   // Drops the node reference, then the name as CXMLToken does.
   ~CXMLAttribute();
 
+  // Gives this attribute.
   operator CXMLAttribute*();
 
   // The value as text, or null when the node's typed value is not text (or there is no node:

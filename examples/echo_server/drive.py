@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Drives the echo server from the Linux side: starts it under Wine on a free loopback port,
-sends framed messages, checks the answers, and ends it with "quit".
+sends framed messages, checks the answers and that a client whose header declares too much is
+closed, and ends the server with "quit".
 
 usage: drive.py WINE_RUN ECHO_SERVER_EXE
 """
@@ -51,6 +52,15 @@ def main():
             time.sleep(0.1)
             conn.sendall(split[2:])
             assert read_frame(conn) == b"echo: " + b"x" * 10000
+            # A client whose header declares too much is closed: it sees the end of the stream
+            # within 2 s, while the first client is still served.
+            for declared in (0xFFFFFFFF, 0x7FFFFFFF, 0x80000000, (1 << 20) + 1):
+                with socket.create_connection(("127.0.0.1", port), timeout=30) as refused:
+                    refused.sendall(struct.pack("<I", declared))
+                    refused.settimeout(2)
+                    assert refused.recv(1) == b"", hex(declared)
+                conn.sendall(frame(b"still here"))
+                assert read_frame(conn) == b"echo: still here"
             conn.sendall(frame(b"quit"))
             assert read_frame(conn) == b"echo: quit"
         return server.wait(timeout=60)

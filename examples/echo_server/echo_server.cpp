@@ -1,5 +1,5 @@
 // An echo server on TernCoreLib's sockets. Messages are framed with a 4-byte little-endian
-// length; the server answers each one with a frame that holds "echo: " and the message. A
+// length (examples/common/length_frame.h); the server answers each one with a frame that holds "echo: " and the message. A
 // message "quit" ends the server. Any TCP client can drive it; see the README.
 //
 //   tern_echo_server.exe [port]      (default 5555; listens on 127.0.0.1)
@@ -11,58 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "TernCoreLib.h"
+#include "examples/common/length_frame.h"
 
 namespace {
 
-constexpr int kMaxMessage = 1 << 20;  // Larger lengths are refused: the connection ends.
+constexpr std::uint32_t kMaxMessage = 1 << 20;  // Larger lengths are refused: the connection ends.
 constexpr DWORD kPatienceMs = 5000;
-
-// One message of the wire format: 4 bytes of length, then the message.
-class LengthMsg : public KVT::CSocketMsg {
- public:
-  bool refused = false;
-  int Process(void*) override { return 0; }
-
- protected:
-  int ParseHeader(int* msgLength, int* headerSize, int* trailerSize) override {
-    refused = false;
-    if (GetRecvSize() < 4) return 0;
-    const auto* bytes = reinterpret_cast<const unsigned char*>(GetPacket());
-    const std::uint32_t length = bytes[0] | bytes[1] << 8 | bytes[2] << 16 |
-                                 static_cast<std::uint32_t>(bytes[3]) << 24;
-    if (length > kMaxMessage) {
-      refused = true;
-      return INT32_MAX;  // Takes everything, completes nothing: the session ends it.
-    }
-    *msgLength = static_cast<int>(length);
-    *headerSize = 4;
-    *trailerSize = 0;
-    return 0;
-  }
-};
-
-class Messages : public KVT::CSocketMsgReceiver {
- public:
-  using CSocketMsgReceiver::Pop;
-  bool Refused() { return current != nullptr && static_cast<LengthMsg*>(current)->refused; }
-
- protected:
-  KVT::CSocketMsg* CreateMessage() override {
-    owned_.push_back(std::make_unique<LengthMsg>());
-    return owned_.back().get();
-  }
-
- private:
-  std::vector<std::unique_ptr<LengthMsg>> owned_;
-};
-
-std::string FrameOf(const std::string& text) {
-  const auto length = static_cast<std::uint32_t>(text.size());
-  std::string frame(4, '\0');
-  for (int i = 0; i < 4; ++i) frame[i] = static_cast<char>(length >> (8 * i));
-  return frame + text;
-}
 
 HANDLE g_quit = nullptr;  // Set by "quit" or Ctrl+C.
 
@@ -82,20 +36,19 @@ class Session : public KVT::ISOReceiver {
   bool OnReceive(KVT::CClientSocket* socket, void* data, int length) override {
     messages_.AddMessage(data, length);
     if (messages_.Refused()) {
-      std::printf("[%d] a header declares more than %d bytes: closing\n", number_, kMaxMessage);
+      std::printf("[%d] a header declares more than %u bytes: closing\n", number_,
+                  static_cast<unsigned>(kMaxMessage));
+      // Ending the loop alone would leave the connection open; Shutdown closes it, so the client
+      // sees the end of the stream at once.
+      socket->Shutdown();
       return false;
     }
     while (KVT::CSocketMsg* message = messages_.Pop()) {
-      const std::string text(message->GetMsg() ? message->GetMsg() : "",
-                             static_cast<size_t>(message->GetMsgLength()));
+      const std::string text = tern_example::LengthFrames::Text(message);
       std::printf("[%d] got %d bytes: %.60s\n", number_, message->GetMsgLength(), text.c_str());
-      const std::string answer = FrameOf("echo: " + text);
-      // One send may take less than all: go on until it has all gone.
-      for (size_t at = 0; at < answer.size();) {
-        const int sent = socket->Send(answer.data() + at, static_cast<int>(answer.size() - at));
-        if (sent <= 0) return false;
-        at += static_cast<size_t>(sent);
-      }
+      std::string answer;
+      tern_example::AppendFrame(answer, "echo: " + text);
+      if (!tern_example::SendAll(*socket, answer)) return false;
       if (text == "quit") ::SetEvent(g_quit);
     }
     return true;
@@ -103,7 +56,7 @@ class Session : public KVT::ISOReceiver {
 
  private:
   volatile bool stop_ = false;
-  Messages messages_;
+  tern_example::LengthFrames messages_{kMaxMessage};
   KVT::CClientSocket socket_;
   int number_;
 };
@@ -148,6 +101,10 @@ BOOL WINAPI OnConsoleEvent(DWORD) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::strcmp(argv[1], "--version") == 0) {
+    std::printf("tern_echo_server %s\n", TERN_VERSION);
+    return 0;
+  }
   const int port = argc > 1 ? std::atoi(argv[1]) : 5555;
   WSADATA wsa;
   if (::WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 1;
