@@ -574,6 +574,10 @@ class CaselessClassSets {
   }
 
  private:
+  // Two places whose Commonness together reaches this hold common letters (such as t and h in
+  // either case); a rare letter and a common one stay below it.
+  static constexpr int kCommonPair = 400;
+
   // The set of `ch`, as the next one; false if it has more than two members.
   bool AddSet(T ch) {
     const std::uint32_t d = distinct_++;
@@ -601,10 +605,6 @@ class CaselessClassSets {
   std::uint32_t distinct_ = 0;
   T char_[kMaxDistinct];       // The term character of each set.
   T member_[kMaxDistinct][2];  // Its members (twice the one of a set of one).
-  // Two places whose Commonness together reaches this hold common letters (such as t and h in
-  // either case); a rare letter and a common one stay below it.
-  static constexpr int kCommonPair = 400;
-
   T forms_[2][kMaxTerm];       // The members of each place's set.
   bool three_places_ = false;
   Filter<T, 3, 2> three_{};
