@@ -28,6 +28,25 @@ struct ComparisonRegistrar {
   }
 };
 
+// A cost per item, for benchmarks whose time is a fixed part plus a part that grows with a count
+// of items: (time of `subject` - time of `base`) / `items`, where `base` does the fixed part
+// alone. After the run the bench prints each, and for each group the spread of its costs
+// (largest / smallest), which stays near 1 when the cost per item does not grow with the count.
+struct PerItem {
+  std::string group;
+  std::string subject;
+  std::string base;
+  double items;
+};
+
+std::vector<PerItem>& PerItems();
+
+struct PerItemRegistrar {
+  PerItemRegistrar(const char* group, const char* subject, const char* base, double items) {
+    PerItems().push_back({group, subject, base, items});
+  }
+};
+
 }  // namespace tern_bench
 
 #define TERN_BENCH_CONCAT_INNER(a, b) a##b

@@ -1,7 +1,8 @@
 // The bench's main: runs every benchmark with Google Benchmark's console output, then prints the
-// table of comparisons registered with TERN_BENCH_COMPARE.
+// table of comparisons registered with TERN_BENCH_COMPARE and the costs per item (PerItem).
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -16,6 +17,11 @@ std::vector<Comparison>& Comparisons() {
   return comparisons;
 }
 
+std::vector<PerItem>& PerItems() {
+  static std::vector<PerItem> per_items;
+  return per_items;
+}
+
 namespace {
 
 // Console output as usual, and the time per iteration of every run kept by name.
@@ -27,6 +33,29 @@ class RecordingReporter : public benchmark::ConsoleReporter {
       if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
       ns_per_iteration_[run.benchmark_name()] = run.GetAdjustedRealTime() *
                                                 NanosecondsPer(run.time_unit);
+    }
+  }
+
+  void PrintPerItems() const {
+    std::map<std::string, std::pair<double, double>> spread;  // Smallest and largest per group.
+    bool header = false;
+    for (const PerItem& p : PerItems()) {
+      auto subject = ns_per_iteration_.find(p.subject);
+      auto base = ns_per_iteration_.find(p.base);
+      if (subject == ns_per_iteration_.end() || base == ns_per_iteration_.end()) continue;
+      if (!header) std::printf("\n%-56s %14s %14s\n", "cost per item", "items", "ns per item");
+      header = true;
+      const double cost = (subject->second - base->second) / p.items;
+      std::printf("%-56s %14.0f %14.2f\n", p.subject.c_str(), p.items, cost);
+      auto [it, fresh] = spread.emplace(p.group, std::make_pair(cost, cost));
+      if (!fresh) {
+        it->second.first = std::min(it->second.first, cost);
+        it->second.second = std::max(it->second.second, cost);
+      }
+    }
+    for (const auto& [group, range] : spread) {
+      std::printf("%-56s %14s %14.2f\n", (group + ": spread (largest / smallest)").c_str(), "",
+                  range.second / range.first);
     }
   }
 
@@ -69,6 +98,7 @@ int main(int argc, char** argv) {
   tern_bench::RecordingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   reporter.PrintComparisons();
+  reporter.PrintPerItems();
   benchmark::Shutdown();
   return 0;
 }

@@ -378,12 +378,13 @@ class PlaceCache<wchar_t> {
 // if it equals the term's last character, else to its shift, so that most alignments cost one
 // lookup. The first kCachedPlaces leading places have caches of their own; further ones are
 // compared directly.
-template <typename T, typename Sink>
+// Results at positions below `emit_from` are neither recorded nor counted: a route that gives up
+// (WideCaselessGuard) has recorded those already, with `lines`, which carries on here.
+template <typename T, typename Lines, typename Sink>
 std::uint32_t CaselessScan(const T* text, std::uint32_t n, const T* term, std::uint32_t m,
                            const unsigned short* table, unsigned table_size, bool whole_words,
-                           T delimiter, Sink& sink) {
+                           Lines& lines, std::uint32_t emit_from, Sink& sink) {
   constexpr std::uint32_t kCachedPlaces = 6;
-  sse2::LineCounter<T> lines(text, delimiter);
   const std::uint32_t last_pos = n - m;
   auto shift_of = [table, table_size, m](T ch) -> std::uint32_t {
     const unsigned base = BaseOf(ch);
@@ -415,7 +416,7 @@ std::uint32_t CaselessScan(const T* text, std::uint32_t n, const T* term, std::u
       match = CharEqual(text + pos + k, term + k, true) != 0;
     }
     if (match) {
-      if (!whole_words || IsWholeWord(text, n, pos, m)) {
+      if (pos >= emit_from && (!whole_words || IsWholeWord(text, n, pos, m))) {
         ++found;
         sink(lines.ResultAt(pos));
       }
@@ -475,129 +476,247 @@ void PickFilterPlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t* 
   *second = a < b ? b : a;
 }
 
-// The filter of a search by value: the term's rarest places (see Commonness), two, and a third
-// from four characters on, which pays for its extra compares by far fewer false candidates in
+// The term's rarest places by `rank`: two as PickFilterPlaces chooses them, and a third from
+// `third_from` characters on, which pays for its extra compares by far fewer false candidates in
 // ordinary text. For shorter terms the third place repeats the second.
+template <typename T, typename Rank>
+void PickThreePlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t third_from,
+                     std::uint32_t places[3]) {
+  places[0] = places[1] = places[2] = 0;
+  if (m < 2) return;
+  PickFilterPlaces(term, m, rank, &places[0], &places[1]);
+  places[2] = places[1];
+  int best = 1 << 30;
+  for (std::uint32_t k = 0; m >= third_from && k < m; ++k) {
+    if (k != places[0] && k != places[1] && rank(k) < best) {
+      best = rank(k);
+      places[2] = k;
+    }
+  }
+}
+
+// The filter of a search by value: the term's three rarest places (see Commonness), the third
+// from four characters on.
 template <typename T>
 Filter<T, 3, 1> ValueFilter(const T* term, std::uint32_t m) {
   Filter<T, 3, 1> filter{};
-  std::uint32_t i1 = 0;
-  std::uint32_t i2 = 0;
-  std::uint32_t i3 = 0;
-  if (m > 1) {
-    auto rank = [term](std::uint32_t k) { return Commonness(CodeOf(term[k])); };
-    PickFilterPlaces(term, m, rank, &i1, &i2);
-    i3 = i2;
-    int best = 1 << 30;
-    for (std::uint32_t k = 0; m >= 4 && k < m; ++k) {
-      if (k != i1 && k != i2 && rank(k) < best) {
-        best = rank(k);
-        i3 = k;
-      }
-    }
-  }
-  const std::uint32_t places[3] = {i1, i2, i3};
-  for (int i = 0; i < 3; ++i) {
-    filter.place[i] = places[i];
-    filter.member[i][0] = term[places[i]];
-  }
+  PickThreePlaces(term, m, [term](std::uint32_t k) { return Commonness(CodeOf(term[k])); }, 4,
+                  filter.place);
+  for (int i = 0; i < 3; ++i) filter.member[i][0] = term[filter.place[i]];
   return filter;
 }
 
-// The sets of bytes that the C runtime calls equal to each character of a caseless narrow term,
-// asked once per search, and the filter and verification built on them. Prepare() declines terms
-// whose sets it cannot hold, and tables that could move the term past a byte of such a set.
-class NarrowClassSets {
+// The code units that the C runtime calls equal to each character of a caseless term (its set),
+// asked once per search: below 256 every code unit is asked (for a narrow term, every byte);
+// above 255, for a wide term, only the character and its towupper and towlower forms, so that a
+// set is complete there only as far as WideCaselessGuard finds. The route needs at most two
+// members per set, its forms: place k of an occurrence holds form(0)[k] or form(1)[k] (one and
+// the same for a set of one), which vectors compare. Prepare() declines a term too long, a set of
+// more members, and a table that could move the term past a member.
+template <typename T>
+class CaselessClassSets {
  public:
   static constexpr std::uint32_t kMaxTerm = 64;
   static constexpr std::uint32_t kMaxDistinct = 64;
-  static constexpr int kMaxMembers = 3;  // Per filter place.
 
-  // False if the term is too long, or the table unsound for the sets, or a filter place has
-  // more than kMaxMembers bytes.
-  bool Prepare(const char* term, std::uint32_t m, const unsigned short* table,
+  bool Prepare(const T* term, std::uint32_t m, const unsigned short* table,
                unsigned table_size) {
     if (m > kMaxTerm) return false;
-    m_ = m;
-    std::uint32_t distinct = 0;
+    distinct_ = 0;
     for (std::uint32_t k = 0; k < m; ++k) {
       std::uint32_t d = 0;
-      while (d < distinct && term[set_char_[d]] != term[k]) ++d;
-      if (d == distinct) {
-        set_char_[distinct++] = static_cast<std::uint8_t>(k);
-        std::memset(sets_[d], 0, sizeof(sets_[d]));
-        for (unsigned byte = 0; byte < 256; ++byte) {
-          const char ch = static_cast<char>(byte);
-          if (CharEqual(&ch, term + k, true)) sets_[d][byte >> 5] |= 1u << (byte & 31);
-        }
-      }
-      set_of_[k] = static_cast<std::uint8_t>(d);
+      while (d < distinct_ && char_[d] != term[k]) ++d;
+      if (d == distinct_ && !AddSet(term[k])) return false;
+      forms_[0][k] = member_[d][0];
+      forms_[1][k] = member_[d][1];
     }
-    // Sound if every byte equal to the character at j < m - 1 moves by at most m - 1 - j.
+    // Sound if every member of the set at j < m - 1 moves by at most m - 1 - j.
     for (std::uint32_t j = 0; j + 1 < m; ++j) {
-      for (unsigned byte = 0; byte < 256; ++byte) {
-        if (!In(j, static_cast<char>(byte))) continue;
-        const unsigned base = BaseOf(static_cast<char>(byte));
+      for (int i = 0; i < 2; ++i) {
+        const unsigned base = BaseOf(forms_[i][j]);
         if (base >= table_size || table[base] > m - 1 - j) return false;
       }
     }
-    // A place is as common as the bytes of its set together.
+    // A place is as common as its members together.
     auto rank = [this](std::uint32_t k) {
-      int sum = 0;
-      for (unsigned byte = 0; byte < 256; ++byte) {
-        if (In(k, static_cast<char>(byte))) sum += Commonness(byte);
-      }
-      return sum;
+      const int first = Commonness(CodeOf(forms_[0][k]));
+      return forms_[1][k] == forms_[0][k] ? first : first + Commonness(CodeOf(forms_[1][k]));
     };
-    std::uint32_t places[2] = {0, 0};
-    if (m > 1) PickFilterPlaces(term, m, rank, &places[0], &places[1]);
-    for (int i = 0; i < 2; ++i) {
-      filter_.place[i] = places[i];
-      int count = 0;
-      for (unsigned byte = 0; byte < 256; ++byte) {
-        if (!In(places[i], static_cast<char>(byte))) continue;
-        if (count == kMaxMembers) return false;
-        filter_.member[i][count++] = static_cast<char>(byte);
+    // A third place (from three characters on) pays only where the two rarest places are
+    // common letters, which let through many false candidates in either case; rarer ones filter
+    // well enough alone, and a third costs each vector more compares.
+    PickThreePlaces(term, m, rank, 3, three_.place);
+    three_places_ = m >= 3 && rank(three_.place[0]) + rank(three_.place[1]) >= kCommonPair;
+    two_.place[0] = three_.place[0];
+    two_.place[1] = three_.place[1];
+    for (int i = 0; i < 3; ++i) {
+      for (int f = 0; f < 2; ++f) {
+        three_.member[i][f] = forms_[f][three_.place[i]];
+        if (i < 2) two_.member[i][f] = forms_[f][two_.place[i]];
       }
-      // Fewer members repeat the first one.
-      for (int j = count; j < kMaxMembers; ++j) filter_.member[i][j] = filter_.member[i][0];
     }
     return true;
   }
 
-  const Filter<char, 2, kMaxMembers>& filter() const { return filter_; }
+  const T* form(int i) const { return forms_[i]; }
+  bool three_places() const { return three_places_; }
+  const Filter<T, 3, 2>& three() const { return three_; }
+  const Filter<T, 2, 2>& two() const { return two_; }
 
-  // Whether the term stands at `p`, place by place through the sets.
-  bool Verify(const char* p) const {
-    for (std::uint32_t k = 0; k < m_; ++k) {
-      if (!In(k, p[k])) return false;
+  // Whether the sets are right about `ch`, a code unit above 255: the C runtime calls it equal
+  // to exactly the term characters whose sets hold it.
+  bool Plain(T ch) const {
+    for (std::uint32_t d = 0; d < distinct_; ++d) {
+      const bool member = ch == member_[d][0] || ch == member_[d][1];
+      if ((CharEqual(&ch, &char_[d], true) != 0) != member) return false;
     }
     return true;
   }
 
  private:
-  bool In(std::uint32_t place, char ch) const {
-    const auto byte = static_cast<unsigned char>(ch);
-    return (sets_[set_of_[place]][byte >> 5] & (1u << (byte & 31))) != 0;
+  // Two places whose Commonness together reaches this hold common letters (such as t and h in
+  // either case); a rare letter and a common one stay below it.
+  static constexpr int kCommonPair = 400;
+
+  // The set of `ch`, as the next one; false if it has more than two members.
+  bool AddSet(T ch) {
+    const std::uint32_t d = distinct_++;
+    char_[d] = ch;
+    int count = 0;
+    auto add = [&](T member) {
+      if (count < 2) member_[d][count] = member;
+      ++count;
+    };
+    for (unsigned code = 0; code < 256; ++code) {
+      const T low = static_cast<T>(code);
+      if (CharEqual(&low, &ch, true)) add(low);
+    }
+    if constexpr (sizeof(T) > 1) {
+      const T forms[3] = {ch, static_cast<T>(std::towupper(ch)), static_cast<T>(std::towlower(ch))};
+      for (int i = 0; i < 3; ++i) {
+        const bool again = (i > 0 && forms[i] == forms[0]) || (i > 1 && forms[i] == forms[1]);
+        if (forms[i] > 255 && !again && CharEqual(&forms[i], &ch, true)) add(forms[i]);
+      }
+    }
+    if (count == 1) member_[d][1] = member_[d][0];
+    return count <= 2;
   }
 
-  std::uint32_t m_ = 0;
-  std::uint32_t sets_[kMaxDistinct][8];  // 256-bit sets.
-  std::uint8_t set_char_[kMaxDistinct];  // A place holding the set's term character.
-  std::uint8_t set_of_[kMaxTerm];        // The set of each place.
-  Filter<char, 2, kMaxMembers> filter_{};
+  std::uint32_t distinct_ = 0;
+  T char_[kMaxDistinct];       // The term character of each set.
+  T member_[kMaxDistinct][2];  // Its members (twice the one of a set of one).
+  T forms_[2][kMaxTerm];       // The members of each place's set.
+  bool three_places_ = false;
+  Filter<T, 3, 2> three_{};
+  Filter<T, 2, 2> two_{};
 };
 
-// Runs the vector route with the widest instruction set that the processor offers and `tuning`
-// allows.
-template <typename T, int kPlaces, int kMembers, typename Verify, typename Sink>
-std::uint32_t RunGreedyScan(const T* text, std::uint32_t n, std::uint32_t m,
-                            const Filter<T, kPlaces, kMembers>& filter, Verify verify,
-                            bool whole_words, T delimiter, Sink& sink, bool allow_avx2) {
-  if (allow_avx2 && HasAvx2()) {
-    return avx2::GreedyScan(text, n, m, filter, verify, whole_words, delimiter, sink);
+// For routes that need no guard: every text character is known to the filter and the table.
+struct NoGuard {
+  static constexpr bool kActive = false;
+  std::uint32_t cleared() const { return 0; }
+  bool Clear(std::uint32_t) { return true; }
+  template <typename Lines, typename Sink>
+  std::uint32_t Finish(std::uint32_t, Lines&, Sink&) { return 0; }
+};
+
+// Keeps the greedy route of a wide caseless search exact. Its class sets are complete below 256,
+// but above 255 they know only the case forms that towupper and towlower give. So before the
+// route examines a stretch of text, the guard checks the stretch: each code unit above 255 must
+// be plain (CaselessClassSets::Plain). Then the sets are exact for every position the route
+// examines, and, as Prepare found the table sound for every member, the table moves the term past
+// no occurrence in the text: the route records what the defining scan records.
+// A code unit that is not plain (a locale whose comparison folds more than the case forms), or a
+// stretch so full of code units above 255 that checking them costs more than the defining scan,
+// makes the guard refuse. Finish then runs the defining scan from the start, recording only from
+// the first position that the route has not examined: up to there both have the same results, as
+// the table was sound for every character the defining scan looked at on its way there.
+class WideCaselessGuard {
+ public:
+  static constexpr bool kActive = true;
+
+  WideCaselessGuard(const wchar_t* text, std::uint32_t n, const CSearchQuery<wchar_t>& query,
+                    bool whole_words, const CaselessClassSets<wchar_t>& sets,
+                    std::uint32_t (*find_high)(const wchar_t*, std::uint32_t))
+      : text_(text), n_(n), query_(query), whole_words_(whole_words), sets_(sets),
+        find_high_(find_high) {
+    std::memset(plain_, 0, sizeof(plain_));
   }
-  return sse2::GreedyScan(text, n, m, filter, verify, whole_words, delimiter, sink);
+
+  // Text characters below this index are checked.
+  std::uint32_t cleared() const { return cleared_; }
+
+  // Checks the text up to `reach` (and somewhat beyond); false if the route must end.
+  bool Clear(std::uint32_t reach) {
+    while (cleared_ < reach) {
+      const std::uint32_t end = n_ - cleared_ > kStretch ? cleared_ + kStretch : n_;
+      std::uint32_t high = 0;
+      for (std::uint32_t i = cleared_ + find_high_(text_ + cleared_, end - cleared_); i < end;
+           i += 1 + find_high_(text_ + i + 1, end - i - 1)) {
+        if (++high > kMaxHighPerStretch || !Plain(text_[i])) return false;
+      }
+      cleared_ = end;
+    }
+    return true;
+  }
+
+  template <typename Lines, typename Sink>
+  std::uint32_t Finish(std::uint32_t from, Lines& lines, Sink& sink) {
+    return CaselessScan(text_, n_, query_.term, static_cast<std::uint32_t>(query_.termLength),
+                        query_.shiftTable, query_.tableSize, whole_words_, lines, from, sink);
+  }
+
+ private:
+  static constexpr std::uint32_t kStretch = 4096;
+  static constexpr std::uint32_t kMaxHighPerStretch = kStretch / 8;
+
+  bool Plain(wchar_t ch) {
+    std::uint32_t& word = plain_[ch >> 5];
+    const std::uint32_t bit = 1u << (ch & 31);
+    if (word & bit) return true;
+    if (!sets_.Plain(ch)) return false;
+    word |= bit;
+    return true;
+  }
+
+  const wchar_t* text_;
+  std::uint32_t n_;
+  const CSearchQuery<wchar_t>& query_;
+  bool whole_words_;
+  const CaselessClassSets<wchar_t>& sets_;
+  std::uint32_t (*find_high_)(const wchar_t*, std::uint32_t);
+  std::uint32_t cleared_ = 0;
+  std::uint32_t plain_[65536 / 32];  // Code units found plain so far.
+};
+
+// The greedy route of a caseless search over the sets that Prepare made for `query`, guarded
+// where the text is wide.
+template <typename T, typename Sink>
+std::uint32_t ClassSetScan(const T* text, std::uint32_t n, const CSearchQuery<T>& query,
+                           const CaselessClassSets<T>& sets, bool whole_words, T delimiter,
+                           Sink& sink, bool avx2) {
+  const auto m = static_cast<std::uint32_t>(query.termLength);
+  auto with = [&](auto& guard, const auto& filter) -> std::uint32_t {
+    if (avx2) {
+      return avx2::GreedyScan(text, n, m, filter,
+                              avx2::FormsVerifier<T>{sets.form(0), sets.form(1), m}, whole_words,
+                              delimiter, guard, sink);
+    }
+    return sse2::GreedyScan(text, n, m, filter,
+                            sse2::FormsVerifier<T>{sets.form(0), sets.form(1), m}, whole_words,
+                            delimiter, guard, sink);
+  };
+  auto run = [&](auto& guard) {
+    return sets.three_places() ? with(guard, sets.three()) : with(guard, sets.two());
+  };
+  if constexpr (sizeof(T) == 1) {
+    NoGuard guard;
+    return run(guard);
+  } else {
+    WideCaselessGuard guard(text, n, query, whole_words, sets,
+                            avx2 ? &avx2::FindHigh : &sse2::FindHigh);
+    return run(guard);
+  }
 }
 
 // Whether the table, used with value comparison, never moves the term past an occurrence. A
@@ -616,12 +735,15 @@ bool SafeForValueScan(const T* term, std::uint32_t m, const unsigned short* tabl
   return true;
 }
 
-// Where the routes that need set-up start to pay. The narrow caseless route asks the C runtime
-// 256 times per distinct term character before it scans; it is taken when the text has at least
-// this many characters per question. Tests lower it to reach that route with small texts.
+// Where the routes that need set-up start to pay. The caseless routes ask the C runtime 256
+// times per distinct term character before they scan; they are taken when the text has at least
+// this many characters per question. The wide question costs far more (Wine's _wcsnicmp takes
+// about 15 times as long as its _strnicmp), and the factor makes up for it. Tests lower the
+// count to reach those routes with small texts.
 struct ScanTuning {
   std::uint32_t chars_per_set_up_call = 32;
   bool allow_avx2 = true;  // Tests turn it off to reach the SSE2 code on any processor.
+  std::uint32_t wide_factor = 16;
 };
 
 // Runs the search of `query` over text[0 .. n - 1] and hands each result, in text order, to
@@ -662,36 +784,36 @@ std::uint32_t ScanText(const T* text, int n, const CSearchQuery<T>& query, unsig
     return HorspoolScan(text, un, term, um, table, table_size, whole_words, delimiter,
                         ValueEqual(), ValueEqual(), poll, sink);
   }
+  const bool avx2 = tuning.allow_avx2 && HasAvx2();
   if (caseless) {
     // A caseless table may skip characters that the C runtime's comparison calls equal to the
-    // term's (it enters only toupper and tolower forms). In the narrow form, on long texts, the
-    // sets of such bytes are worth asking for: if the table is sound for them the greedy route
-    // gives the same results. Otherwise the scan keeps to the table's alignments.
-    if constexpr (sizeof(T) == 1) {
-      const std::uint64_t calls = 256ull * (um < NarrowClassSets::kMaxDistinct
-                                                ? um
-                                                : NarrowClassSets::kMaxDistinct);
-      if (un >= calls * tuning.chars_per_set_up_call) {
-        NarrowClassSets sets;
-        if (sets.Prepare(term, um, table, table_size)) {
-          auto verify = [&sets](const char* p) { return sets.Verify(p); };
-          return RunGreedyScan(text, un, um, sets.filter(), verify, whole_words, delimiter, sink,
-                               tuning.allow_avx2);
-        }
+    // term's (it enters only toupper and tolower forms). On long texts the sets of such code
+    // units are worth asking for: if the table is sound for them the greedy route gives the same
+    // results (for wide text under a guard). Otherwise the scan keeps to the table's alignments.
+    const std::uint64_t calls = 256ull * (um < CaselessClassSets<T>::kMaxDistinct
+                                              ? um
+                                              : CaselessClassSets<T>::kMaxDistinct);
+    if (un >= calls * tuning.chars_per_set_up_call * (sizeof(T) == 1 ? 1 : tuning.wide_factor)) {
+      CaselessClassSets<T> sets;
+      if (sets.Prepare(term, um, table, table_size)) {
+        return ClassSetScan(text, un, query, sets, whole_words, delimiter, sink, avx2);
       }
     }
-    return CaselessScan(text, un, term, um, table, table_size, whole_words, delimiter, sink);
+    sse2::LineCounter<T> lines(text, delimiter);
+    return CaselessScan(text, un, term, um, table, table_size, whole_words, lines, 0, sink);
   }
   if (!SafeForValueScan(term, um, table, table_size)) {
     return HorspoolScan(text, un, term, um, table, table_size, whole_words, delimiter,
                         ValueEqual(), ValueEqual(), NoStop(), sink);
   }
-  if (tuning.allow_avx2 && HasAvx2()) {
+  NoGuard no_guard;
+  if (avx2) {
     return avx2::GreedyScan(text, un, um, ValueFilter(term, um),
-                            avx2::TermVerifier<T>{term, um}, whole_words, delimiter, sink);
+                            avx2::TermVerifier<T>{term, um}, whole_words, delimiter, no_guard,
+                            sink);
   }
   return sse2::GreedyScan(text, un, um, ValueFilter(term, um), sse2::TermVerifier<T>{term, um},
-                          whole_words, delimiter, sink);
+                          whole_words, delimiter, no_guard, sink);
 }
 
 }  // namespace search_internal

@@ -65,6 +65,8 @@ Results NaiveSearch(const std::basic_string<T>& text, const std::basic_string<T>
   const std::size_t m = term.size();
   if (m == 0) return out;
   std::size_t pos = 0;
+  std::size_t counted = 0;  // Lines are counted up to here; `line` is the result there.
+  std::uint64_t line = Result(1, 0);
   while (pos + m <= text.size()) {
     bool match = true;
     for (std::size_t k = 0; k < m && match; ++k) match = SameChar(text[pos + k], term[k], flags & 1);
@@ -72,7 +74,17 @@ Results NaiveSearch(const std::basic_string<T>& text, const std::basic_string<T>
       ++pos;
       continue;
     }
-    if ((flags & 2) == 0 || WholeWordAt(text, pos, m)) out.push_back(LineOf(text, pos, delimiter));
+    if ((flags & 2) == 0 || WholeWordAt(text, pos, m)) {
+      // LineOf over the stretch since the last result, continued from there.
+      const std::uint64_t more = LineOf(text.substr(counted, pos - counted), pos - counted,
+                                        delimiter);
+      if (static_cast<std::uint32_t>(more) > 1) {
+        line = Result(static_cast<std::uint32_t>(line) + static_cast<std::uint32_t>(more) - 1,
+                      static_cast<std::uint32_t>(counted + (more >> 32)));
+      }
+      counted = pos;
+      out.push_back(line);
+    }
     pos += m;
   }
   return out;

@@ -61,6 +61,31 @@ TEST(XArrayTest, ResetKeepsOwnedValuesUntilReuseOrRemoveAll) {
   EXPECT_EQ(100, array.capacity) << "a fresh table";
 }
 
+// Growth by steps across many doublings of the block behind the table: after every Add the
+// capacity is the next step above the count, each growth's new slots are null, values read back,
+// and a refill after Reset reuses every record in place.
+TEST(XArrayTest, StepsStayExactAcrossManyGrowths) {
+  constexpr int kStep = 7;
+  constexpr int kValues = 20000;
+  XArray<std::uint64_t> array(kStep);
+  for (int i = 0; i < kValues; ++i) {
+    const int grown_from = array.capacity;
+    ASSERT_EQ(i, array.Add(0x100000000ull * i + 3));
+    ASSERT_EQ((array.count / kStep + 1) * kStep, array.capacity) << i;
+    for (int k = grown_from > i + 1 ? grown_from : i + 1; k < array.capacity; ++k) {
+      ASSERT_EQ(nullptr, array.entries[k]) << i;
+    }
+  }
+  std::vector<XArrayEntry<std::uint64_t>*> records(array.entries, array.entries + kValues);
+  array.Reset();
+  for (int i = 0; i < kValues; ++i) array.Add(i);
+  for (int i = 0; i < kValues; ++i) {
+    ASSERT_EQ(records[i], array.entries[i]) << i;
+    ASSERT_EQ(static_cast<std::uint64_t>(i), array[i]);
+  }
+  EXPECT_EQ(0u, array[kValues]);
+}
+
 // Random Add, Reset and RemoveAll of owned texts (empty ones among them, and changed by the
 // caller after the Add) against std::vector, with a fixed seed.
 TEST(XArrayTest, MatchesAVectorUnderRandomUse) {

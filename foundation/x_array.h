@@ -19,16 +19,79 @@ struct XArrayEntry {
   bool owned;  // Whether the array releases the value (see XArray::Add).
 };
 
+// The allocator of an XArray's records. Each record is made and destroyed one at a time, but its
+// memory is carved from blocks of many records, so that a million results cost a few dozen
+// allocations instead of a million, and the records of one array lie side by side. A record's
+// memory is not reused when it is destroyed: it goes back with its block in ReleaseBlocks, which
+// the array calls after it has destroyed every record, so that nothing can tell the records from
+// ones made one by one with new, apart from fewer calls to the heap.
+// Blocks start small (a small array wastes little) and double up to kMaxBlockRecords.
+// Not thread-safe: it belongs to one table, which its holders use one thread at a time.
+template <typename R>
+class XArrayRecordPool {
+ public:
+  static constexpr std::size_t kFirstBlockRecords = 16;
+  static constexpr std::size_t kMaxBlockRecords = std::size_t{1} << 16;
+
+  // A record holding `value` and `owned`, or null when no block can be had.
+  template <typename V>
+  R* Make(const V& value, bool owned) {
+    if (free_ == end_ && !AddBlock()) return nullptr;
+    return new (free_++) R{value, owned};
+  }
+
+  static void Destroy(R* record) { record->~R(); }
+
+  // Gives back every block. The records in them must have been destroyed.
+  void ReleaseBlocks() {
+    while (blocks_ != nullptr) {
+      Block* previous = blocks_->previous;
+      ::operator delete(blocks_);
+      blocks_ = previous;
+    }
+    free_ = end_ = nullptr;
+    next_records_ = kFirstBlockRecords;
+  }
+
+ private:
+  struct Block {
+    Block* previous;
+  };
+  // Records start behind the block's link, at their own alignment.
+  static constexpr std::size_t kRecordsAt =
+      (sizeof(Block) + alignof(R) - 1) / alignof(R) * alignof(R);
+
+  bool AddBlock() {
+    void* memory = ::operator new(kRecordsAt + next_records_ * sizeof(R), std::nothrow);
+    if (memory == nullptr) return false;
+    Block* block = static_cast<Block*>(memory);
+    block->previous = blocks_;
+    blocks_ = block;
+    free_ = reinterpret_cast<R*>(static_cast<char*>(memory) + kRecordsAt);
+    end_ = free_ + next_records_;
+    if (next_records_ < kMaxBlockRecords) next_records_ *= 2;
+    return true;
+  }
+
+  Block* blocks_ = nullptr;
+  R* free_ = nullptr;  // The next record to hand out; equal to end_ when the block is used up.
+  R* end_ = nullptr;
+  std::size_t next_records_ = kFirstBlockRecords;
+};
+
 // An array of records, grown by a fixed step and emptied without giving memory back.
 //
 // `entries` is a table of pointers, one per slot, to records that are objects of their own: a
 // table that grows moves the pointers, never the records, and the records hold the values. The
-// table comes from malloc/realloc; records and owned copies from new/delete.
+// table comes from malloc/realloc; records from XArrayRecordPool (blocks from operator new);
+// owned copies from new/delete.
 //
 // Rules that callers rely on:
 // - Growth is by `growStep` slots at a time, never by a factor. The first Add allocates
 //   `growStep` slots; whenever `count` + 1 reaches `capacity` the table grows by another step,
 //   so after every Add at least one slot at the end is spare. New slots are null.
+// - Adding costs amortised constant time, however many entries: see Grow and
+//   XArrayRecordPool for how, and why no caller can tell.
 // - Reset only sets `count` to 0: the table and every record stay, with the values they own,
 //   and later Adds reuse them in place. An owned value behind `count` lives on until Add reuses
 //   its record or RemoveAll releases it.
@@ -109,7 +172,7 @@ class XArray {
   int Add(T value, bool owned = false) {
     if (count + 1 >= capacity && !Grow()) return -1;
     Entry*& slot = entries[count];
-    if (slot == nullptr) slot = new (std::nothrow) Entry{T(), false};
+    if (slot == nullptr) slot = Records(entries).Make(T(), false);
     if (slot != nullptr) {
       const bool own = owned && kCanOwn;
       const T taken = own ? TakeValue(value) : value;
@@ -166,11 +229,10 @@ class XArray {
             return;
           }
         }
-        delete entry;
+        Pool::Destroy(entry);
         entries[i] = nullptr;
       }
-      Holders(entries).~Counter();
-      std::free(Base(entries));
+      FreeTable(entries);
     }
     entries = nullptr;
     count = 0;
@@ -185,6 +247,7 @@ class XArray {
 
  private:
   using Counter = std::atomic<long>;
+  using Pool = XArrayRecordPool<Entry>;
   using Pointee = std::remove_cv_t<std::remove_pointer_t<T>>;
 
   static constexpr bool kIsText =
@@ -192,32 +255,58 @@ class XArray {
   static constexpr bool kCanOwn =
       std::is_pointer_v<T> && std::is_object_v<std::remove_pointer_t<T>>;
 
-  // The holder count sits in one extra slot in front of slot 0.
-  static_assert(sizeof(Counter) <= sizeof(Entry*) && alignof(Counter) <= alignof(Entry*),
-                "the holder count must fit the slot in front of the table");
+  // What the block under `entries` holds in front of slot 0: the count of arrays that hold the
+  // table, the slots the block has room for, and the allocator of the table's records.
+  struct Header {
+    Counter holders;
+    int room;
+    Pool records;
+  };
+  static_assert(sizeof(Header) % alignof(Entry*) == 0, "slots must follow the header aligned");
 
-  static Entry** Base(Entry** table) { return table - 1; }
-  static Counter& Holders(Entry** table) { return *reinterpret_cast<Counter*>(Base(table)); }
+  static Header* HeaderOf(Entry** table) { return reinterpret_cast<Header*>(table) - 1; }
+  static Counter& Holders(Entry** table) { return HeaderOf(table)->holders; }
+  static Pool& Records(Entry** table) { return HeaderOf(table)->records; }
   static void Hold(Entry** table) {
     if (table != nullptr) Holders(table).fetch_add(1);
   }
 
-  // A table of `slots` null slots with one holder, or null.
+  static std::size_t TableBytes(int slots) {
+    return sizeof(Header) + static_cast<std::size_t>(slots) * sizeof(Entry*);
+  }
+  static bool Fits(std::size_t slots) {
+    return slots <= static_cast<std::size_t>(INT_MAX) &&
+           slots < (SIZE_MAX - sizeof(Header)) / sizeof(Entry*);
+  }
+
+  // A table of `slots` null slots with one holder and no records, or null.
   static Entry** NewTable(int slots) {
     void* base = std::malloc(TableBytes(slots));
     if (base == nullptr) return nullptr;
-    Entry** table = static_cast<Entry**>(base) + 1;
-    new (base) Counter(1);
+    Header* header = new (base) Header{{1}, slots, Pool()};
+    Entry** table = reinterpret_cast<Entry**>(header + 1);
     for (int i = 0; i < slots; ++i) table[i] = nullptr;
     return table;
   }
 
-  static std::size_t TableBytes(int slots) {
-    return (static_cast<std::size_t>(slots) + 1) * sizeof(Entry*);
+  // Gives back the records' blocks and the table; the records are destroyed already.
+  static void FreeTable(Entry** table) {
+    Header* header = HeaderOf(table);
+    header->records.ReleaseBlocks();
+    header->~Header();
+    std::free(header);
   }
 
   // A table that can't be had or grown leaves the array as it was, and Add reports -1: nothing
   // is ever written through a null table.
+  //
+  // `capacity` advances by `growStep` as the rules say, but the block under it grows by
+  // doubling: a growth that still fits the block's room only nulls the new slots, and only one
+  // growth in a doubling calls realloc, so that adding N entries moves O(N) pointers in all
+  // instead of O(N * N / growStep). Callers can't tell: the slots below `capacity`, the new null
+  // ones among them, read exactly as with a table reallocated at every step; the room behind
+  // `capacity` is reached by no rule and no read; the block is still malloc/realloc memory; and a
+  // realloc could always have moved the table or left it in place.
   bool Grow() {
     const int step = growStep < 2 ? 2 : growStep;
     if (entries == nullptr) {
@@ -228,20 +317,22 @@ class XArray {
       count = 0;
       return true;
     }
-    if (capacity > INT_MAX - step ||
-        static_cast<std::size_t>(capacity) + step >= SIZE_MAX / sizeof(Entry*) - 1) {
-      return false;
-    }
+    if (!Fits(static_cast<std::size_t>(capacity) + step)) return false;
     const int grown = capacity + step;
-    if (Holders(entries).load() == 1) {
-      void* base = std::realloc(Base(entries), TableBytes(grown));
+    if (Holders(entries).load() != 1) return GrowShared(grown);
+    int room = HeaderOf(entries)->room;
+    if (grown > room) {
+      const std::size_t doubled = 2 * static_cast<std::size_t>(room);
+      room = Fits(doubled) && static_cast<int>(doubled) > grown ? static_cast<int>(doubled) : grown;
+      void* base = std::realloc(HeaderOf(entries), TableBytes(room));
       if (base == nullptr) return false;
-      entries = static_cast<Entry**>(base) + 1;
-      for (int i = capacity; i < grown; ++i) entries[i] = nullptr;
-      capacity = grown;
-      return true;
+      Header* header = static_cast<Header*>(base);
+      header->room = room;
+      entries = reinterpret_cast<Entry**>(header + 1);
     }
-    return GrowShared(grown);
+    for (int i = capacity; i < grown; ++i) entries[i] = nullptr;
+    capacity = grown;
+    return true;
   }
 
   // Moves this copy to a table of its own, as the class comment says.
@@ -250,7 +341,7 @@ class XArray {
     if (table == nullptr) return false;
     const int used = count < capacity ? count : capacity;
     for (int i = 0; i < used; ++i) {
-      if (entries[i] != nullptr) table[i] = new (std::nothrow) Entry{entries[i]->value, false};
+      if (entries[i] != nullptr) table[i] = Records(table).Make(entries[i]->value, false);
     }
     Entry** shared = entries;
     const int shared_capacity = capacity;
@@ -267,10 +358,9 @@ class XArray {
         } else if (entry->owned) {
           ReleaseValue(entry->value);
         }
-        delete entry;
+        Pool::Destroy(entry);
       }
-      Holders(shared).~Counter();
-      std::free(Base(shared));
+      FreeTable(shared);
     }
     return true;
   }
