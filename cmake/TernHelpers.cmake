@@ -87,6 +87,31 @@ function(tern_add_subsystem name)
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
 endfunction()
 
+# Code that the library calls directly from its tests and benchmarks too, such as the vector
+# kernels: a static library of a subsystem, linked into the DLL and into those programs.
+function(tern_add_kernel_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_link_libraries(${name} PUBLIC tern_windows_flags)
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
+endfunction()
+
+# Sources compiled for an instruction set beyond the build's baseline (`flags`, such as -mavx2),
+# called only after a run-time check (foundation/cpu_features.h). Such a file keeps its code
+# file-local and includes no header with inline code, so that no copy of a shared function is
+# built for that set. Vector moves are assembled as unaligned ones (same speed on aligned data):
+# GCC cannot align the x86_64 Windows stack to 32 bytes for a spilled AVX2 vector. i686 functions
+# realign their stack where they need it, since 32-bit Windows callers guarantee only 4 bytes.
+# Call it in the folder of the target that compiles the files.
+function(tern_vector_sources flags)
+  set(options ${flags} -Wa,-muse-unaligned-vector-move)
+  if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    list(APPEND options -mstackrealign)
+  endif()
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "${options}")
+endfunction()
+
 # GoogleTest built from Debian's sources with the cross compiler.
 macro(tern_setup_googletest)
   set(TERN_GTEST_DIR "/usr/src/googletest" CACHE PATH "GoogleTest sources")

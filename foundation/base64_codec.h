@@ -1,25 +1,24 @@
 #ifndef TERNCORELIB_FOUNDATION_BASE64_CODEC_H_
 #define TERNCORELIB_FOUNDATION_BASE64_CODEC_H_
 
-// The coding kernels behind base64.h. Internal to the library; inline so that tests can drive
-// each route directly, whatever the machine they run on supports.
+// The coding kernels behind base64.h. Internal to the library; tests drive each route directly,
+// whatever the machine they run on supports.
 //
 // Two routes give identical output for every input:
 //   - kScalar: two symbols per lookup to encode; four pre-shifted words OR-ed per group to
 //     decode, with one flag bit that sends a group holding '=' or a foreign byte to the exact
 //     rules of DecodeGroup.
-//   - kSsse3: sixteen characters at a time where the processor has SSSE3. A block of sixteen
-//     symbols of the alphabet decodes in registers; any other block goes the scalar way.
+//   - kSsse3: sixteen characters at a time where the processor has SSSE3 (base64_ssse3.cpp). A
+//     block of sixteen symbols of the alphabet decodes in registers; any other block goes the
+//     scalar way.
 // Words are stored in the byte order of x86, the only one the library runs on.
 
 #include <array>
 #include <cstdint>
 #include <cstring>
 
-#if defined(__i386__) || defined(__x86_64__)
-#include <tmmintrin.h>
-#define TERN_BASE64_SSSE3 1
-#endif
+#include "foundation/base64_kernels.h"
+#include "foundation/cpu_features.h"
 
 namespace KVT {
 namespace internal {
@@ -187,114 +186,8 @@ inline void DecodeRunScalar(const unsigned char*& source, unsigned char*& out, i
   }
 }
 
-// --- SSSE3 route ---------------------------------------------------------------------------------
-//
-// force_align_arg_pointer: 32-bit Windows guarantees only 4-byte stack alignment, and a spilled
-// vector must not fault there.
-
-#if defined(TERN_BASE64_SSSE3)
-#define TERN_BASE64_SSSE3_FUNCTION __attribute__((target("ssse3"), force_align_arg_pointer))
-
-// Four whole groups: 12 bytes from a 16-byte load (so 16 readable bytes) to 16 characters.
-TERN_BASE64_SSSE3_FUNCTION inline void EncodeBlockSsse3(const unsigned char* source,
-                                                        unsigned char* destination) {
-  __m128i in = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source));
-  // Each 32-bit lane gets the bytes b1 b0 b2 b1 of its group: the 16-bit halves hold b0b1 and
-  // b1b2 with the first byte on top, so that each symbol is one mask and one multiply away.
-  in = _mm_shuffle_epi8(in, _mm_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10));
-  // First and third symbol: the high six bits of b0b1 and bits 11..6 of b1b2, moved down to
-  // bytes 0 and 2 by a high multiply.
-  const __m128i first_third =
-      _mm_mulhi_epu16(_mm_and_si128(in, _mm_set1_epi32(0x0FC0FC00)), _mm_set1_epi32(0x04000040));
-  // Second and fourth symbol: bits 9..4 of b0b1 and 5..0 of b1b2, moved up to bytes 1 and 3.
-  const __m128i second_fourth =
-      _mm_mullo_epi16(_mm_and_si128(in, _mm_set1_epi32(0x003F03F0)), _mm_set1_epi32(0x01000010));
-  const __m128i values = _mm_or_si128(first_third, second_fourth);
-  // Value to character by one lookup of the offset to add: index 13 for 0..25 ('A' + v), 0 for
-  // 26..51 (a..z), 1 to 12 for 52..63 (0..9, '+', '/').
-  __m128i index = _mm_subs_epu8(values, _mm_set1_epi8(51));
-  index = _mm_or_si128(index, _mm_and_si128(_mm_cmpgt_epi8(_mm_set1_epi8(26), values),
-                                            _mm_set1_epi8(13)));
-  const __m128i offsets = _mm_setr_epi8('a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
-                                        '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
-                                        '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0);
-  const __m128i text = _mm_add_epi8(values, _mm_shuffle_epi8(offsets, index));
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(destination), text);
-}
-
-// Four groups of 16 characters to exactly 12 bytes, if all 16 are symbols of the alphabet;
-// otherwise false, and nothing is written.
-TERN_BASE64_SSSE3_FUNCTION inline bool DecodeBlockSsse3(const unsigned char* source,
-                                                        unsigned char* out) {
-  const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source));
-  const __m128i low_nibble_mask = _mm_set1_epi8(0x0F);
-  const __m128i high = _mm_and_si128(_mm_srli_epi32(c, 4), low_nibble_mask);
-  const __m128i low = _mm_and_si128(c, low_nibble_mask);
-  // Validity by two nibble lookups: each row of the ASCII table (high nibble) has one bit, set
-  // in the entry of every low nibble that isn't a symbol in that row. Row 2 holds '+' and '/'
-  // (bit 1), row 3 the digits (bit 2), rows 4 and 6 the letters from 1 on (bit 4), rows 5 and
-  // 7 the letters up to 10 (bit 8); all other rows, 0x80 to 0xFF included, hold none (bit 16).
-  const __m128i row_bits = _mm_setr_epi8(0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08,
-                                         0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10);
-  const __m128i invalid_in_rows = _mm_setr_epi8(0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11,
-                                                0x11, 0x11, 0x13, 0x1A, 0x1B, 0x1B, 0x1B, 0x1A);
-  const __m128i invalid = _mm_and_si128(_mm_shuffle_epi8(row_bits, high),
-                                        _mm_shuffle_epi8(invalid_in_rows, low));
-  if (_mm_movemask_epi8(_mm_cmpeq_epi8(invalid, _mm_setzero_si128())) != 0xFFFF) return false;
-  // Character to value by the offset of its row; in row 2, '/' is told from '+' by moving it to
-  // index 1.
-  const __m128i row_offsets = _mm_setr_epi8(0, 63 - '/', 62 - '+', 52 - '0', -'A', -'A',
-                                            26 - 'a', 26 - 'a', 0, 0, 0, 0, 0, 0, 0, 0);
-  const __m128i slash = _mm_cmpeq_epi8(c, _mm_set1_epi8('/'));
-  const __m128i values =
-      _mm_add_epi8(c, _mm_shuffle_epi8(row_offsets, _mm_add_epi8(high, slash)));
-  // Per lane s0 s1 s2 s3: pairs to s0 << 6 | s1 and s2 << 6 | s3, then to the 24 bits of the
-  // group, whose three bytes are then taken in order.
-  const __m128i pairs = _mm_maddubs_epi16(values, _mm_set1_epi32(0x01400140));
-  const __m128i groups = _mm_madd_epi16(pairs, _mm_set1_epi32(0x00011000));
-  const __m128i bytes = _mm_shuffle_epi8(
-      groups, _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1));
-  _mm_storel_epi64(reinterpret_cast<__m128i*>(out), bytes);
-  const auto last = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(bytes, 8)));
-  std::memcpy(out + 8, &last, sizeof last);
-  return true;
-}
-
-// Whole blocks of four groups while 16 bytes can be read; leaves the rest of `groups`. One call
-// per run: the processor-specific code can't be inlined into code built for any x86.
-TERN_BASE64_SSSE3_FUNCTION inline void EncodeBlocksSsse3(const unsigned char*& source,
-                                                         unsigned char*& destination,
-                                                         int& groups) {
-  for (; groups >= 6; groups -= 4) {
-    EncodeBlockSsse3(source, destination);
-    source += 12;
-    destination += 16;
-  }
-}
-
-// Blocks of 16 symbols while there are any; stops at the first block with an odd character or
-// when fewer than 16 characters are left.
-TERN_BASE64_SSSE3_FUNCTION inline void DecodeBlocksSsse3(const unsigned char*& source,
-                                                         unsigned char*& out, int& length) {
-  for (; length >= 16 && DecodeBlockSsse3(source, out); length -= 16) {
-    source += 16;
-    out += 12;
-  }
-}
-
-inline bool ProcessorHasSsse3() {
-  static const bool has = [] {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("ssse3") != 0;
-  }();
-  return has;
-}
-#else
-inline bool ProcessorHasSsse3() { return false; }
-#endif
-
 inline Base64Route FastestBase64Route() {
-  return ProcessorHasSsse3() ? Base64Route::kSsse3 : Base64Route::kScalar;
+  return CpuHas(kCpuSsse3) ? Base64Route::kSsse3 : Base64Route::kScalar;
 }
 
 // --- The codec -----------------------------------------------------------------------------------
@@ -304,11 +197,7 @@ inline Base64Route FastestBase64Route() {
 inline void EncodeBase64(const unsigned char* source, unsigned char* destination, int count,
                          Base64Route route) {
   int groups = count / 3;
-#if defined(TERN_BASE64_SSSE3)
   if (route == Base64Route::kSsse3) EncodeBlocksSsse3(source, destination, groups);
-#else
-  (void)route;
-#endif
   EncodeGroupsScalar(source, destination, groups);
   if (count % 3 != 0) EncodeLastGroup(source + 3 * groups, count % 3, destination + 4 * groups);
 }
@@ -329,7 +218,6 @@ inline int DecodeOneGroup(const unsigned char* source, unsigned char* out, int l
 inline int DecodeBase64(const unsigned char* source, unsigned char* destination, int length,
                         Base64Route route) {
   unsigned char* out = destination;
-#if defined(TERN_BASE64_SSSE3)
   if (route == Base64Route::kSsse3) {
     while (length >= 4) {
       DecodeBlocksSsse3(source, out, length);
@@ -345,9 +233,6 @@ inline int DecodeBase64(const unsigned char* source, unsigned char* destination,
     }
     return static_cast<int>(out - destination);
   }
-#else
-  (void)route;
-#endif
   while (length >= 4) {
     DecodeRunScalar(source, out, length);  // Leaves at least one group.
     const int given = DecodeGroup(source, out);

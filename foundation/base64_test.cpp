@@ -37,7 +37,7 @@ enum class Via { kLibrary, kScalar, kSsse3 };
 
 std::vector<Via> AllWays() {
   std::vector<Via> ways = {Via::kLibrary, Via::kScalar};
-  if (KVT::internal::ProcessorHasSsse3()) ways.push_back(Via::kSsse3);
+  if (KVT::internal::CpuHas(KVT::internal::kCpuSsse3)) ways.push_back(Via::kSsse3);
   return ways;
 }
 
