@@ -58,9 +58,15 @@ unsigned long SearchAll(CBuffer<T>& buffer, unsigned long flags, CSearchQuery<T>
   return buffer.Search(buffer.GetBuffer(), buffer.length, flags, query, stop, stop_arg, delimiter);
 }
 
-// The scan's routes with set-up costs taken at any text length; with AVX2 or with SSE2 only.
+// The scan's routes with set-up costs taken at any text length; with AVX2, with SSE2 only, or
+// with the baseline kernels.
 constexpr ScanTuning kEager{0, true};
 constexpr ScanTuning kEagerSse2{0, false};
+constexpr ScanTuning kEagerPlain{0, false, 16, false};
+constexpr ScanTuning kKernelSets[] = {kEager, kEagerSse2, kEagerPlain};
+const char* NameOf(const ScanTuning& tuning) {
+  return tuning.allow_avx2 ? "avx2 allowed" : tuning.allow_sse2 ? "sse2" : "plain";
+}
 
 template <typename T>
 Results Scan(const std::basic_string<T>& text, const CSearchQuery<T>& query, unsigned long flags,
@@ -253,13 +259,20 @@ TEST(BufferSearchTest, LongStretchesAndLongTerms) {
   const std::string narrow_full = std::string(100000, '\n') + "pin";
   const std::wstring wide_full = std::wstring(600000, L'\n') + L"pin";
   const std::string plain = std::string(70000, 'q') + "pin";
-  for (const auto& tuning : {kEager, kEagerSse2}) {
-    SCOPED_TRACE(tuning.allow_avx2 ? "avx2 allowed" : "sse2");
+  for (const auto& tuning : kKernelSets) {
+    SCOPED_TRACE(NameOf(tuning));
     EXPECT_EQ((Results{Result(5001, 15000), Result(5002, 15007)}),
               Scan(narrow, Query("needle"), 0, '\n', tuning));
     EXPECT_EQ((Results{Result(100001, 100000)}), Scan(narrow_full, Query("pin"), 0, '\n', tuning));
     EXPECT_EQ((Results{Result(600001, 600000)}), Scan(wide_full, Query(L"pin"), 0, L'\n', tuning));
     EXPECT_EQ((Results{Result(1, 0)}), Scan(plain, Query("pin"), 0, '\0', tuning));
+    // More occurrences than the kernels hand over at once, each overlapping the next one.
+    std::string runs;
+    for (int i = 0; i < 40; ++i) runs += "aaAaaaa\n";
+    for (unsigned long flags : {0ul, 1ul}) {
+      EXPECT_EQ(search_test::NaiveSearch(runs, std::string("aa"), flags, '\n'),
+                Scan(runs, Query("aa", flags != 0), flags, '\n', tuning));
+    }
   }
   std::string term(70000, 'a');
   term[0] = 'c';
@@ -436,9 +449,9 @@ void CompareWithReference(std::uint32_t seed, int texts) {
                              : SearchAll(buffer, flags, query, delimiter));
         check(SearchAll(buffer, flags, query, delimiter, &NeverStop));
         if (::testing::Test::HasFatalFailure()) return;
-        const ScanTuning& tuning = (round + delimiter) % 2 == 0 ? kEager : kEagerSse2;
+        const ScanTuning& tuning = kKernelSets[(round + delimiter) % 3];
         ASSERT_EQ(expected, Scan(text, query, flags, delimiter, tuning))
-            << (tuning.allow_avx2 ? "avx2 allowed" : "sse2");
+            << NameOf(tuning);
       }
     }
   }
@@ -485,18 +498,18 @@ TEST(BufferSearchTest, WideCaselessRouteGivesWayExactly) {
     const bool folded = text.find(L'\x100') != std::wstring::npos;
     for (unsigned long flags : {1ul, 3ul}) {
       const search_test::Results expected = search_test::NaiveSearch(text, term, flags, L'\n');
-      for (bool avx2 : {true, false}) {
+      for (const auto& tuning : kKernelSets) {
         SCOPED_TRACE(testing::Message() << "text " << &text - texts << " flags " << flags
-                                        << (avx2 ? " avx2 allowed" : " sse2"));
+                                        << " " << NameOf(tuning));
         search_test::Results got;
         auto sink = [&got](std::uint64_t result) { got.push_back(result); };
         const auto n = static_cast<std::uint32_t>(text.size());
         EXPECT_EQ(expected.size(),
                   folded ? internal::ClassSetScan(text.data(), n, query, stale, flags & 2, L'\n',
-                                                  sink, avx2 && internal::HasAvx2())
+                                                  sink, internal::KernelsFor<wchar_t>(tuning))
                          : internal::ScanText(text.data(), static_cast<int>(n), query, flags,
                                               nullptr, nullptr, L'\n', sink,
-                                              avx2 ? kEager : kEagerSse2));
+                                              tuning));
         EXPECT_EQ(expected, got);
       }
     }

@@ -4,430 +4,25 @@
 // The scan behind CBuffer<T>::Search, kept apart from the buffer so that it can be tested and
 // measured on its own. Not part of the installed interface.
 //
-// The scan's outcome is defined by a Horspool scan over the query's shift table (see ScanText).
-// That scan runs literally when a stop callback is given, since the callback is polled once per
-// alignment and so sees every one of them. Without a callback the same results come from faster
-// routes, and the differential tests hold them to the literal scan.
-//
-// The vector code is in search_vector_internal.inc, compiled for SSE2 (used unconditionally, the
-// i686 build included, without changing the flags of the files that include this header) and
-// for AVX2 (used when the processor and the system support it). Files that include this header
-// are assembled with -muse-unaligned-vector-move (see buffer/CMakeLists.txt): GCC cannot align
-// the x86_64 Windows stack to 32 bytes, so any AVX2 spill must not need it.
+// The scan's outcome is defined by a Horspool scan over the query's shift table (see ScanText and
+// search_literal_internal.h). That scan runs literally when a stop callback is given, since the
+// callback is polled once per alignment and so sees every one of them. Without a callback the
+// same results come from faster routes, and the differential tests hold them to the literal scan.
+// The loops that vectors speed up are kernels (search_kernels.h), compiled once per instruction
+// set and chosen per search by what the processor has.
 
-#if !defined(__i386__) && !defined(__x86_64__)
-#error "The search scan is written for x86 processors (SSE2)."
-#endif
-
-#include <cpuid.h>
-#include <immintrin.h>
-
-#include <atomic>
-#include <cctype>
 #include <cstdint>
 #include <cstring>
 #include <cwctype>
-#include <string.h>
-#include <wchar.h>
 
+#include "buffer/search_chars_internal.h"
+#include "buffer/search_kernels.h"
+#include "buffer/search_literal_internal.h"
 #include "buffer/search_query.h"
+#include "foundation/cpu_features.h"
 
 namespace KVT {
 namespace search_internal {
-
-// A result: the offset of the line start in the high half, the line number (from 1) in the low.
-inline std::uint64_t MakeResult(std::uint32_t line_start, std::uint32_t line) {
-  return (static_cast<std::uint64_t>(line_start) << 32) | line;
-}
-
-// --- Character tests shared by the scan and CBuffer's static members. ---
-
-// 1 if the characters at `a` and `b` have one value, or, with `caseless`, if _strnicmp /
-// _wcsnicmp of one character calls them equal (which follows the C runtime's locale); 0 if not
-// or if either pointer is null.
-inline int CharEqual(const char* a, const char* b, bool caseless) {
-  if (a == nullptr || b == nullptr) return 0;
-  if (*a == *b) return 1;
-  return caseless && _strnicmp(a, b, 1) == 0 ? 1 : 0;
-}
-inline int CharEqual(const wchar_t* a, const wchar_t* b, bool caseless) {
-  if (a == nullptr || b == nullptr) return 0;
-  if (*a == *b) return 1;
-  return caseless && _wcsnicmp(a, b, 1) == 0 ? 1 : 0;
-}
-
-// Characters below 33 and spaces separate words, alphanumerics don't, everything else (the
-// underscore among it) does. A narrow char is tested as signed, so every byte above 127 separates
-// words whatever the locale says of it; the wide form asks iswalnum.
-inline int IsWordDelimeter(char ch) {
-  if (ch < 33) return 1;
-  if (std::isspace(ch)) return 1;
-  return std::isalnum(ch) ? 0 : 1;
-}
-inline int IsWordDelimeter(wchar_t ch) {
-  if (ch < 33) return 1;
-  if (std::iswspace(ch)) return 1;
-  return std::iswalnum(ch) ? 0 : 1;
-}
-
-// Whether isprint / iswprint accepts the character; false for null. A narrow character is handed
-// over as its unsigned byte value, the only range isprint is defined for.
-inline bool IsPrintable(const char* ch) {
-  return ch != nullptr && std::isprint(static_cast<unsigned char>(*ch)) != 0;
-}
-inline bool IsPrintable(const wchar_t* ch) {
-  return ch != nullptr && std::iswprint(*ch) != 0;
-}
-
-// CSearchQuery::ToBase, inline for the scan's inner loop.
-inline unsigned BaseOf(char ch) {
-  const int value = static_cast<signed char>(ch);
-  return static_cast<unsigned>(value < 0 ? -value : value);
-}
-inline unsigned BaseOf(wchar_t ch) { return static_cast<unsigned>(ch); }
-
-// With whole words only: the characters on both sides of an occurrence must be word delimiters;
-// the start and the end of the text count as such.
-template <typename T>
-inline bool IsWholeWord(const T* text, std::uint32_t n, std::uint32_t pos, std::uint32_t m) {
-  if (pos > 0 && !IsWordDelimeter(text[pos - 1])) return false;
-  return pos + m >= n || IsWordDelimeter(text[pos + m]) != 0;
-}
-
-// What the vector route looks for: positions p where, for every place i, text[p + place[i]] is
-// one of member[i][0 .. kMembers - 1].
-template <typename T, int kPlaces, int kMembers>
-struct Filter {
-  std::uint32_t place[kPlaces];
-  T member[kPlaces][kMembers];
-
-  bool Check(const T* p) const {
-    for (int i = 0; i < kPlaces; ++i) {
-      bool any = false;
-      for (int j = 0; j < kMembers; ++j) any = any || p[place[i]] == member[i][j];
-      if (!any) return false;
-    }
-    return true;
-  }
-};
-
-inline unsigned PopCount32(std::uint32_t x) {
-  x = x - ((x >> 1) & 0x55555555u);
-  x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
-  x = (x + (x >> 4)) & 0x0F0F0F0Fu;
-  return (x * 0x01010101u) >> 24;
-}
-
-// --- The vector code, once per instruction set. ---
-
-namespace sse2 {
-#pragma GCC push_options
-#pragma GCC target("sse2")
-
-struct Vec {
-  using V = __m128i;
-  using Mask = std::uint32_t;
-  static constexpr std::uint32_t kBytes = 16;
-  static V Load(const void* p) { return _mm_loadu_si128(static_cast<const __m128i*>(p)); }
-  static V Zero() { return _mm_setzero_si128(); }
-  static V Splat(char ch) { return _mm_set1_epi8(ch); }
-  static V Splat(wchar_t ch) { return _mm_set1_epi16(static_cast<short>(ch)); }
-  static V Equal(V a, V b, char) { return _mm_cmpeq_epi8(a, b); }
-  static V Equal(V a, V b, wchar_t) { return _mm_cmpeq_epi16(a, b); }
-  static V And(V a, V b) { return _mm_and_si128(a, b); }
-  static V Or(V a, V b) { return _mm_or_si128(a, b); }
-  static V Add(V a, V b, char) { return _mm_add_epi8(a, b); }
-  static V Add(V a, V b, wchar_t) { return _mm_add_epi16(a, b); }
-  static V Sub(V a, V b, char) { return _mm_sub_epi8(a, b); }
-  static V Sub(V a, V b, wchar_t) { return _mm_sub_epi16(a, b); }
-  static std::uint32_t Bits(V v) { return static_cast<std::uint32_t>(_mm_movemask_epi8(v)); }
-  static std::uint32_t SumBytes(V v) {
-    const __m128i sums = _mm_sad_epu8(v, _mm_setzero_si128());
-    return static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums)) +
-           static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
-  }
-  static std::uint32_t SumWords(V v) {
-    __m128i sums = _mm_madd_epi16(v, _mm_set1_epi16(1));
-    sums = _mm_add_epi32(sums, _mm_srli_si128(sums, 8));
-    sums = _mm_add_epi32(sums, _mm_srli_si128(sums, 4));
-    return static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums));
-  }
-};
-
-#include "buffer/search_vector_internal.inc"
-
-#pragma GCC pop_options
-}  // namespace sse2
-
-namespace avx2 {
-#pragma GCC push_options
-#pragma GCC target("avx2")
-
-struct Vec {
-  using V = __m256i;
-  using Mask = std::uint64_t;
-  static constexpr std::uint32_t kBytes = 32;
-  static V Load(const void* p) { return _mm256_loadu_si256(static_cast<const __m256i*>(p)); }
-  static V Zero() { return _mm256_setzero_si256(); }
-  static V Splat(char ch) { return _mm256_set1_epi8(ch); }
-  static V Splat(wchar_t ch) { return _mm256_set1_epi16(static_cast<short>(ch)); }
-  static V Equal(V a, V b, char) { return _mm256_cmpeq_epi8(a, b); }
-  static V Equal(V a, V b, wchar_t) { return _mm256_cmpeq_epi16(a, b); }
-  static V And(V a, V b) { return _mm256_and_si256(a, b); }
-  static V Or(V a, V b) { return _mm256_or_si256(a, b); }
-  static V Add(V a, V b, char) { return _mm256_add_epi8(a, b); }
-  static V Add(V a, V b, wchar_t) { return _mm256_add_epi16(a, b); }
-  static V Sub(V a, V b, char) { return _mm256_sub_epi8(a, b); }
-  static V Sub(V a, V b, wchar_t) { return _mm256_sub_epi16(a, b); }
-  static std::uint32_t Bits(V v) { return static_cast<std::uint32_t>(_mm256_movemask_epi8(v)); }
-  static std::uint32_t SumBytes(V v) {
-    const __m256i sums = _mm256_sad_epu8(v, _mm256_setzero_si256());
-    const __m128i half = _mm_add_epi64(_mm256_castsi256_si128(sums),
-                                       _mm256_extracti128_si256(sums, 1));
-    return static_cast<std::uint32_t>(_mm_cvtsi128_si32(half)) +
-           static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(half, 8)));
-  }
-  static std::uint32_t SumWords(V v) {
-    const __m256i pairs = _mm256_madd_epi16(v, _mm256_set1_epi16(1));
-    __m128i sums = _mm_add_epi32(_mm256_castsi256_si128(pairs), _mm256_extracti128_si256(pairs, 1));
-    sums = _mm_add_epi32(sums, _mm_srli_si128(sums, 8));
-    sums = _mm_add_epi32(sums, _mm_srli_si128(sums, 4));
-    return static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums));
-  }
-};
-
-#include "buffer/search_vector_internal.inc"
-
-#pragma GCC pop_options
-}  // namespace avx2
-
-// Whether the processor has AVX2 and the system saves its registers (OSXSAVE, and XCR0 with the
-// SSE and AVX state). Asked once per module.
-inline bool HasAvx2() {
-  static std::atomic<int> known{0};  // 0 not asked yet, 1 no, 2 yes.
-  int answer = known.load(std::memory_order_relaxed);
-  if (answer == 0) {
-    unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
-    bool yes = false;
-    if (__get_cpuid(1, &eax, &ebx, &ecx, &edx) && (ecx & bit_OSXSAVE) && (ecx & bit_AVX)) {
-      unsigned xcr0_low = 0, xcr0_high = 0;
-      __asm__ volatile("xgetbv" : "=a"(xcr0_low), "=d"(xcr0_high) : "c"(0));
-      if ((xcr0_low & 6) == 6 && __get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) {
-        yes = (ebx & bit_AVX2) != 0;
-      }
-    }
-    answer = yes ? 2 : 1;
-    known.store(answer, std::memory_order_relaxed);
-  }
-  return answer == 2;
-}
-
-// --- The literal scan. ---
-
-struct ValueEqual {
-  template <typename T>
-  bool operator()(T a, T b) const { return a == b; }
-};
-
-struct CaselessEqual {
-  template <typename T>
-  bool operator()(T a, T b) const { return CharEqual(&a, &b, true) != 0; }
-};
-
-struct NoStop {
-  bool operator()() const { return false; }
-};
-
-struct StopCallback {
-  bool (*stop)(void*);
-  void* arg;
-  bool operator()() const { return stop(arg); }
-};
-
-// Caches a value per text character for one search, computed on first use. The caseless scan
-// keeps the answers of the C runtime's comparison in it, which would otherwise be asked again at
-// nearly every alignment. Narrow: one cell per byte. Wide: a direct-mapped cache.
-template <typename T>
-class CharCache;
-
-template <>
-class CharCache<char> {
- public:
-  CharCache() { std::memset(values_, 0xFF, sizeof(values_)); }
-  template <typename Compute>
-  std::uint32_t Get(char ch, Compute compute) {
-    std::uint32_t& value = values_[static_cast<unsigned char>(ch)];
-    if (value == kUnknown) value = compute(ch);
-    return value;
-  }
-
- private:
-  static constexpr std::uint32_t kUnknown = 0xFFFFFFFF;  // Never a computed value.
-  std::uint32_t values_[256];
-};
-
-template <>
-class CharCache<wchar_t> {
- public:
-  CharCache() { std::memset(keys_, 0, sizeof(keys_)); }
-  template <typename Compute>
-  std::uint32_t Get(wchar_t ch, Compute compute) {
-    const std::uint32_t slot = ch & (kSlots - 1);
-    const std::uint32_t key = static_cast<std::uint32_t>(ch) | kValid;
-    if (keys_[slot] != key) {
-      keys_[slot] = key;
-      values_[slot] = compute(ch);
-    }
-    return values_[slot];
-  }
-
- private:
-  static constexpr std::uint32_t kSlots = 256;
-  static constexpr std::uint32_t kValid = 1u << 16;
-  std::uint32_t keys_[kSlots];
-  std::uint32_t values_[kSlots];
-};
-
-// The defining scan. The term covers text[pos .. pos + m - 1] (the alignment at pos). At each
-// alignment: poll; compare the last place, then the leading places in rising order; on an
-// occurrence record it (unless whole words are asked for and it is none) and move by m; otherwise
-// move by the shift of the character under the last place, or by m if its base value is outside
-// the table. Ends when the term would pass the end of the text. Requires 0 < m <= n.
-template <typename T, typename LastEqual, typename Equal, typename Poll, typename Sink>
-std::uint32_t HorspoolScan(const T* text, std::uint32_t n, const T* term, std::uint32_t m,
-                           const unsigned short* table, unsigned table_size, bool whole_words,
-                           T delimiter, LastEqual last_equal, Equal equal, Poll poll,
-                           Sink& sink) {
-  sse2::LineCounter<T> lines(text, delimiter);
-  const T last = term[m - 1];
-  const std::uint32_t last_pos = n - m;
-  std::uint32_t found = 0;
-  std::uint32_t pos = 0;
-  for (;;) {
-    if (poll()) break;
-    const T under = text[pos + m - 1];
-    bool match = last_equal(under, last);
-    for (std::uint32_t k = 0; match && k + 1 < m; ++k) match = equal(text[pos + k], term[k]);
-    if (match) {
-      if (!whole_words || IsWholeWord(text, n, pos, m)) {
-        ++found;
-        sink(lines.ResultAt(pos));
-      }
-      pos += m;
-    } else {
-      const unsigned base = BaseOf(under);
-      pos += base < table_size ? table[base] : m;
-    }
-    if (pos > last_pos) break;  // No overflow: pos <= n - m + 65535 < 2^32.
-  }
-  return found;
-}
-
-// Caches whether text characters equal one term character caselessly. Narrow: one state per
-// byte. Wide: a direct-mapped cache whose cells hold the character, a valid bit and the answer.
-template <typename T>
-class PlaceCache;
-
-template <>
-class PlaceCache<char> {
- public:
-  PlaceCache() { std::memset(states_, 0, sizeof(states_)); }
-  void Reset(char term_char) {
-    if (term_char_ != term_char) std::memset(states_, 0, sizeof(states_));
-    term_char_ = term_char;
-  }
-  bool Equal(char ch) {
-    std::uint8_t& state = states_[static_cast<unsigned char>(ch)];
-    if (state == 0) state = CharEqual(&ch, &term_char_, true) ? 1 : 2;
-    return state == 1;
-  }
-
- private:
-  char term_char_ = 0;
-  std::uint8_t states_[256];  // 0 unknown, 1 equal, 2 not.
-};
-
-template <>
-class PlaceCache<wchar_t> {
- public:
-  PlaceCache() { std::memset(cells_, 0, sizeof(cells_)); }
-  void Reset(wchar_t term_char) {
-    if (term_char_ != term_char) std::memset(cells_, 0, sizeof(cells_));
-    term_char_ = term_char;
-  }
-  bool Equal(wchar_t ch) {
-    std::uint32_t& cell = cells_[ch & (kSlots - 1)];
-    if ((cell & kValid) == 0 || static_cast<wchar_t>(cell) != ch) {
-      cell = static_cast<std::uint32_t>(ch) | kValid |
-             (CharEqual(&ch, &term_char_, true) ? kEqual : 0);
-    }
-    return (cell & kEqual) != 0;
-  }
-
- private:
-  static constexpr std::uint32_t kSlots = 256;
-  static constexpr std::uint32_t kValid = 1u << 16;
-  static constexpr std::uint32_t kEqual = 1u << 17;
-  wchar_t term_char_ = 0;
-  std::uint32_t cells_[kSlots];
-};
-
-// The defining scan for a caseless search without a stop callback: the same alignments, with
-// the C runtime's answers cached (the comparison is a pure function during one search, so caching
-// and the order of the comparisons change nothing). The character under the last place maps to 0
-// if it equals the term's last character, else to its shift, so that most alignments cost one
-// lookup. The first kCachedPlaces leading places have caches of their own; further ones are
-// compared directly.
-// Results at positions below `emit_from` are neither recorded nor counted: a route that gives up
-// (WideCaselessGuard) has recorded those already, with `lines`, which carries on here.
-template <typename T, typename Lines, typename Sink>
-std::uint32_t CaselessScan(const T* text, std::uint32_t n, const T* term, std::uint32_t m,
-                           const unsigned short* table, unsigned table_size, bool whole_words,
-                           Lines& lines, std::uint32_t emit_from, Sink& sink) {
-  constexpr std::uint32_t kCachedPlaces = 6;
-  const std::uint32_t last_pos = n - m;
-  auto shift_of = [table, table_size, m](T ch) -> std::uint32_t {
-    const unsigned base = BaseOf(ch);
-    return base < table_size ? table[base] : m;
-  };
-  const T last = term[m - 1];
-  auto step_of = [&](T ch) -> std::uint32_t {
-    return CharEqual(&ch, &last, true) ? 0 : shift_of(ch);
-  };
-  CharCache<T> steps;
-  const std::uint32_t cached = m - 1 < kCachedPlaces ? m - 1 : kCachedPlaces;
-  PlaceCache<T> places[kCachedPlaces];
-  for (std::uint32_t k = 0; k < cached; ++k) places[k].Reset(term[k]);
-
-  std::uint32_t found = 0;
-  std::uint32_t pos = 0;
-  for (;;) {
-    const T under = text[pos + m - 1];
-    const std::uint32_t step = steps.Get(under, step_of);
-    if (step != 0) {
-      pos += step;
-      if (pos > last_pos) break;
-      continue;
-    }
-    // The leading places are 0 .. m - 2.
-    bool match = true;
-    for (std::uint32_t k = 0; match && k < cached; ++k) match = places[k].Equal(text[pos + k]);
-    for (std::uint32_t k = cached; match && k + 1 < m; ++k) {
-      match = CharEqual(text + pos + k, term + k, true) != 0;
-    }
-    if (match) {
-      if (pos >= emit_from && (!whole_words || IsWholeWord(text, n, pos, m))) {
-        ++found;
-        sink(lines.ResultAt(pos));
-      }
-      pos += m;
-    } else {
-      pos += shift_of(under);
-    }
-    if (pos > last_pos) break;
-  }
-  return found;
-}
 
 // How common a character is in ordinary text, roughly (higher is more common). Only used to pick
 // the term's two rarest places as the filter of the fast route; any choice gives the same results.
@@ -495,15 +90,20 @@ void PickThreePlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t th
   }
 }
 
-// The filter of a search by value: the term's three rarest places (see Commonness), the third
-// from four characters on.
+// The greedy route's query for a search by value: the term's three rarest places (see
+// Commonness) as the filter, the third from four characters on.
 template <typename T>
-Filter<T, 3, 1> ValueFilter(const T* term, std::uint32_t m) {
-  Filter<T, 3, 1> filter{};
+GreedyQuery<T> ValueQuery(const T* text, const T* term, std::uint32_t m) {
+  GreedyQuery<T> query{};
+  query.text = text;
+  query.m = m;
+  query.places = 3;
+  query.members = 1;
   PickThreePlaces(term, m, [term](std::uint32_t k) { return Commonness(CodeOf(term[k])); }, 4,
-                  filter.place);
-  for (int i = 0; i < 3; ++i) filter.member[i][0] = term[filter.place[i]];
-  return filter;
+                  query.place);
+  for (int i = 0; i < 3; ++i) query.member[i][0] = query.member[i][1] = term[query.place[i]];
+  query.first = query.second = term;
+  return query;
 }
 
 // The code units that the C runtime calls equal to each character of a caseless term (its set),
@@ -545,23 +145,28 @@ class CaselessClassSets {
     // A third place (from three characters on) pays only where the two rarest places are
     // common letters, which let through many false candidates in either case; rarer ones filter
     // well enough alone, and a third costs each vector more compares.
-    PickThreePlaces(term, m, rank, 3, three_.place);
-    three_places_ = m >= 3 && rank(three_.place[0]) + rank(three_.place[1]) >= kCommonPair;
-    two_.place[0] = three_.place[0];
-    two_.place[1] = three_.place[1];
-    for (int i = 0; i < 3; ++i) {
-      for (int f = 0; f < 2; ++f) {
-        three_.member[i][f] = forms_[f][three_.place[i]];
-        if (i < 2) two_.member[i][f] = forms_[f][two_.place[i]];
-      }
-    }
+    PickThreePlaces(term, m, rank, 3, place_);
+    three_places_ = m >= 3 && rank(place_[0]) + rank(place_[1]) >= kCommonPair;
+    m_ = m;
     return true;
   }
 
-  const T* form(int i) const { return forms_[i]; }
-  bool three_places() const { return three_places_; }
-  const Filter<T, 3, 2>& three() const { return three_; }
-  const Filter<T, 2, 2>& two() const { return two_; }
+  // The greedy route's query over `text`, after Prepare: the two or three places chosen, with
+  // the members of their sets.
+  GreedyQuery<T> Query(const T* text) const {
+    GreedyQuery<T> query{};
+    query.text = text;
+    query.m = m_;
+    query.places = three_places_ ? 3 : 2;
+    query.members = 2;
+    for (int i = 0; i < 3; ++i) {
+      query.place[i] = place_[i];
+      for (int f = 0; f < 2; ++f) query.member[i][f] = forms_[f][place_[i]];
+    }
+    query.first = forms_[0];
+    query.second = forms_[1];
+    return query;
+  }
 
   // Whether the sets are right about `ch`, a code unit above 255: the C runtime calls it equal
   // to exactly the term characters whose sets hold it.
@@ -606,9 +211,9 @@ class CaselessClassSets {
   T char_[kMaxDistinct];       // The term character of each set.
   T member_[kMaxDistinct][2];  // Its members (twice the one of a set of one).
   T forms_[2][kMaxTerm];       // The members of each place's set.
+  std::uint32_t m_ = 0;
+  std::uint32_t place_[3] = {};  // The filter places, the third one only where three_places_.
   bool three_places_ = false;
-  Filter<T, 3, 2> three_{};
-  Filter<T, 2, 2> two_{};
 };
 
 // For routes that need no guard: every text character is known to the filter and the table.
@@ -637,9 +242,9 @@ class WideCaselessGuard {
 
   WideCaselessGuard(const wchar_t* text, std::uint32_t n, const CSearchQuery<wchar_t>& query,
                     bool whole_words, const CaselessClassSets<wchar_t>& sets,
-                    std::uint32_t (*find_high)(const wchar_t*, std::uint32_t))
+                    const ScanKernels<wchar_t>& kernels)
       : text_(text), n_(n), query_(query), whole_words_(whole_words), sets_(sets),
-        find_high_(find_high) {
+        kernels_(kernels) {
     std::memset(plain_, 0, sizeof(plain_));
   }
 
@@ -651,8 +256,8 @@ class WideCaselessGuard {
     while (cleared_ < reach) {
       const std::uint32_t end = n_ - cleared_ > kStretch ? cleared_ + kStretch : n_;
       std::uint32_t high = 0;
-      for (std::uint32_t i = cleared_ + find_high_(text_ + cleared_, end - cleared_); i < end;
-           i += 1 + find_high_(text_ + i + 1, end - i - 1)) {
+      for (std::uint32_t i = cleared_ + kernels_.find_high(text_ + cleared_, end - cleared_);
+           i < end; i += 1 + kernels_.find_high(text_ + i + 1, end - i - 1)) {
         if (++high > kMaxHighPerStretch || !Plain(text_[i])) return false;
       }
       cleared_ = end;
@@ -684,38 +289,60 @@ class WideCaselessGuard {
   const CSearchQuery<wchar_t>& query_;
   bool whole_words_;
   const CaselessClassSets<wchar_t>& sets_;
-  std::uint32_t (*find_high_)(const wchar_t*, std::uint32_t);
+  const ScanKernels<wchar_t>& kernels_;
   std::uint32_t cleared_ = 0;
   std::uint32_t plain_[65536 / 32];  // Code units found plain so far.
 };
+
+// Leftmost occurrences, each one looked for from m places behind the last occurrence found (or
+// rejected as no whole word), found by the kernels a batch at a time. This is what the defining
+// scan records whenever its table never moves the term past a place where it matches, which the
+// callers check first, or, for a guard that is active, which the guard makes sure of as the
+// route goes (see WideCaselessGuard): a position p is examined only once guard.Clear(p + m) has
+// agreed, and where it refuses, guard.Finish records the rest from the first position not yet
+// examined.
+template <typename T, typename Guard, typename Sink>
+std::uint32_t GreedyScan(const GreedyQuery<T>& query, std::uint32_t n, bool whole_words,
+                         T delimiter, const ScanKernels<T>& kernels, Guard& guard, Sink& sink) {
+  constexpr std::uint32_t kBatch = 64;
+  const T* text = query.text;
+  const std::uint32_t m = query.m;
+  LineCounter<T> lines(text, delimiter, kernels);
+  const std::uint32_t last_pos = n - m;
+  std::uint32_t found = 0;
+  std::uint32_t next = 0;  // The first position not examined yet.
+  std::uint32_t batch[kBatch];
+  while (next <= last_pos) {
+    std::uint32_t limit = last_pos;
+    if constexpr (Guard::kActive) {
+      if (guard.cleared() < next + m && !guard.Clear(next + m)) {
+        return found + guard.Finish(next, lines, sink);
+      }
+      if (guard.cleared() - m < limit) limit = guard.cleared() - m;
+    }
+    const std::uint32_t count = kernels.find(query, &next, limit, batch, kBatch);
+    for (std::uint32_t i = 0; i < count; ++i) {
+      if (!whole_words || IsWholeWord(text, n, batch[i], m)) {
+        ++found;
+        sink(lines.ResultAt(batch[i]));
+      }
+    }
+  }
+  return found;
+}
 
 // The greedy route of a caseless search over the sets that Prepare made for `query`, guarded
 // where the text is wide.
 template <typename T, typename Sink>
 std::uint32_t ClassSetScan(const T* text, std::uint32_t n, const CSearchQuery<T>& query,
                            const CaselessClassSets<T>& sets, bool whole_words, T delimiter,
-                           Sink& sink, bool avx2) {
-  const auto m = static_cast<std::uint32_t>(query.termLength);
-  auto with = [&](auto& guard, const auto& filter) -> std::uint32_t {
-    if (avx2) {
-      return avx2::GreedyScan(text, n, m, filter,
-                              avx2::FormsVerifier<T>{sets.form(0), sets.form(1), m}, whole_words,
-                              delimiter, guard, sink);
-    }
-    return sse2::GreedyScan(text, n, m, filter,
-                            sse2::FormsVerifier<T>{sets.form(0), sets.form(1), m}, whole_words,
-                            delimiter, guard, sink);
-  };
-  auto run = [&](auto& guard) {
-    return sets.three_places() ? with(guard, sets.three()) : with(guard, sets.two());
-  };
+                           Sink& sink, const ScanKernels<T>& kernels) {
   if constexpr (sizeof(T) == 1) {
     NoGuard guard;
-    return run(guard);
+    return GreedyScan(sets.Query(text), n, whole_words, delimiter, kernels, guard, sink);
   } else {
-    WideCaselessGuard guard(text, n, query, whole_words, sets,
-                            avx2 ? &avx2::FindHigh : &sse2::FindHigh);
-    return run(guard);
+    WideCaselessGuard guard(text, n, query, whole_words, sets, kernels);
+    return GreedyScan(sets.Query(text), n, whole_words, delimiter, kernels, guard, sink);
   }
 }
 
@@ -740,11 +367,21 @@ bool SafeForValueScan(const T* term, std::uint32_t m, const unsigned short* tabl
 // this many characters per question. The wide question costs far more (Wine's _wcsnicmp takes
 // about 15 times as long as its _strnicmp), and the factor makes up for it. Tests lower the
 // count to reach those routes with small texts.
+// Tests also turn off instruction sets, to reach every set's kernels on any processor.
 struct ScanTuning {
   std::uint32_t chars_per_set_up_call = 32;
-  bool allow_avx2 = true;  // Tests turn it off to reach the SSE2 code on any processor.
+  bool allow_avx2 = true;
   std::uint32_t wide_factor = 16;
+  bool allow_sse2 = true;
 };
+
+// The kernels of the widest instruction set that the processor has and `tuning` allows.
+template <typename T>
+const ScanKernels<T>& KernelsFor(const ScanTuning& tuning) {
+  if (tuning.allow_avx2 && internal::CpuHas(internal::kCpuAvx2)) return avx2::Kernels(T());
+  if (tuning.allow_sse2 && internal::CpuHas(internal::kCpuSse2)) return sse2::Kernels(T());
+  return plain::Kernels(T());
+}
 
 // Runs the search of `query` over text[0 .. n - 1] and hands each result, in text order, to
 // `sink` (called as sink(std::uint64_t)); returns how many it handed over.
@@ -775,16 +412,17 @@ std::uint32_t ScanText(const T* text, int n, const CSearchQuery<T>& query, unsig
   const unsigned short* table = query.shiftTable;
   const unsigned table_size = query.tableSize;
 
+  const ScanKernels<T>& kernels = KernelsFor<T>(tuning);
+
   if (stop != nullptr) {
     const StopCallback poll{stop, stop_arg};
     if (caseless) {
-      return HorspoolScan(text, un, term, um, table, table_size, whole_words, delimiter,
+      return HorspoolScan(text, un, term, um, table, table_size, whole_words, delimiter, kernels,
                           CaselessEqual(), CaselessEqual(), poll, sink);
     }
-    return HorspoolScan(text, un, term, um, table, table_size, whole_words, delimiter,
+    return HorspoolScan(text, un, term, um, table, table_size, whole_words, delimiter, kernels,
                         ValueEqual(), ValueEqual(), poll, sink);
   }
-  const bool avx2 = tuning.allow_avx2 && HasAvx2();
   if (caseless) {
     // A caseless table may skip characters that the C runtime's comparison calls equal to the
     // term's (it enters only toupper and tolower forms). On long texts the sets of such code
@@ -796,24 +434,19 @@ std::uint32_t ScanText(const T* text, int n, const CSearchQuery<T>& query, unsig
     if (un >= calls * tuning.chars_per_set_up_call * (sizeof(T) == 1 ? 1 : tuning.wide_factor)) {
       CaselessClassSets<T> sets;
       if (sets.Prepare(term, um, table, table_size)) {
-        return ClassSetScan(text, un, query, sets, whole_words, delimiter, sink, avx2);
+        return ClassSetScan(text, un, query, sets, whole_words, delimiter, sink, kernels);
       }
     }
-    sse2::LineCounter<T> lines(text, delimiter);
+    LineCounter<T> lines(text, delimiter, kernels);
     return CaselessScan(text, un, term, um, table, table_size, whole_words, lines, 0, sink);
   }
   if (!SafeForValueScan(term, um, table, table_size)) {
-    return HorspoolScan(text, un, term, um, table, table_size, whole_words, delimiter,
+    return HorspoolScan(text, un, term, um, table, table_size, whole_words, delimiter, kernels,
                         ValueEqual(), ValueEqual(), NoStop(), sink);
   }
   NoGuard no_guard;
-  if (avx2) {
-    return avx2::GreedyScan(text, un, um, ValueFilter(term, um),
-                            avx2::TermVerifier<T>{term, um}, whole_words, delimiter, no_guard,
-                            sink);
-  }
-  return sse2::GreedyScan(text, un, um, ValueFilter(term, um), sse2::TermVerifier<T>{term, um},
-                          whole_words, delimiter, no_guard, sink);
+  return GreedyScan(ValueQuery(text, term, um), un, whole_words, delimiter, kernels, no_guard,
+                    sink);
 }
 
 }  // namespace search_internal
