@@ -5,13 +5,8 @@
 add_library(tern_windows_flags INTERFACE)
 target_compile_definitions(tern_windows_flags INTERFACE
   _WIN32_WINNT=0x0601 WINVER=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX)
-# -fno-ipa-ra: with interprocedural register allocation GCC lets a caller keep values in
-# registers that the callee, as compiled in the same file, leaves alone, also when the callee is
-# an inline function of a header. The linker keeps one copy of such a function from any file, and
-# copies compiled for other instruction sets (the search scan, the Base64 codec) use other
-# registers: a term length was once lost that way in the search tests.
 target_compile_options(tern_windows_flags INTERFACE
-  -Wall -Wextra -Wno-unknown-pragmas -fno-ipa-ra $<$<CONFIG:Release>:-O2>)
+  -Wall -Wextra -Wno-unknown-pragmas $<$<CONFIG:Release>:-O2>)
 
 # How every module of the project links the MinGW runtime. libstdc++ and winpthread are static, so
 # TernCoreLib.dll needs no MinGW DLL but one: in the i686 build libgcc stays shared
