@@ -72,21 +72,19 @@ function(tern_add_program name)
   tern_link_runtime(${name})
 endfunction()
 
-# A subsystem folder's object library; the DLL target in lib/ combines them.
+# A subsystem folder's object library; the DLL target in lib/ combines them. With STATIC first, a
+# static library instead, linked into the DLL and also into the tests and benchmarks that call
+# its code directly (the vector kernels).
 function(tern_add_subsystem name)
-  add_library(${name} OBJECT ${ARGN})
+  set(kind OBJECT)
+  set(sources ${ARGN})
+  if("${ARGV1}" STREQUAL "STATIC")
+    set(kind STATIC)
+    list(REMOVE_AT sources 0)
+  endif()
+  add_library(${name} ${kind} ${sources})
   target_link_libraries(${name} PUBLIC tern_windows_flags)
   target_compile_definitions(${name} PRIVATE TERNCORELIB_BUILDING)
-  target_include_directories(${name} PUBLIC
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
-endfunction()
-
-# Code that the library calls directly from its tests and benchmarks too, such as the vector
-# kernels: a static library of a subsystem, linked into the DLL and into those programs.
-function(tern_add_kernel_library name)
-  add_library(${name} STATIC ${ARGN})
-  target_link_libraries(${name} PUBLIC tern_windows_flags)
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
