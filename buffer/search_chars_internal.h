@@ -13,11 +13,6 @@
 namespace KVT {
 namespace search_internal {
 
-// A result: the offset of the line start in the high half, the line number (from 1) in the low.
-inline std::uint64_t MakeResult(std::uint32_t line_start, std::uint32_t line) {
-  return (static_cast<std::uint64_t>(line_start) << 32) | line;
-}
-
 // 1 if the characters at `a` and `b` have one value, or, with `caseless`, if _strnicmp /
 // _wcsnicmp of one character calls them equal (which follows the C runtime's locale); 0 if not
 // or if either pointer is null.

@@ -18,17 +18,16 @@ template <typename T>
 class LineCounter {
  public:
   LineCounter(const T* text, T delimiter, const ScanKernels<T>& kernels)
-      : lines_{text, delimiter, 0, 1, 0}, advance_(kernels.advance_lines) {}
+      : lines_{text, delimiter, 0, 1, 0}, result_at_(kernels.result_at) {}
 
   // The result for an occurrence at `pos`, which is never below the previous call's.
-  std::uint64_t ResultAt(std::uint32_t pos) {
-    advance_(lines_, pos);
-    return MakeResult(lines_.line_start, lines_.line);
-  }
+  std::uint64_t ResultAt(std::uint32_t pos) { return result_at_(lines_, pos); }
+
+  LineState<T>& state() { return lines_; }
 
  private:
   LineState<T> lines_;
-  void (*advance_)(LineState<T>&, std::uint32_t);
+  std::uint64_t (*result_at_)(LineState<T>&, std::uint32_t);
 };
 
 struct ValueEqual {

@@ -295,12 +295,13 @@ class WideCaselessGuard {
 };
 
 // Leftmost occurrences, each one looked for from m places behind the last occurrence found (or
-// rejected as no whole word), found by the kernels a batch at a time. This is what the defining
-// scan records whenever its table never moves the term past a place where it matches, which the
-// callers check first, or, for a guard that is active, which the guard makes sure of as the
-// route goes (see WideCaselessGuard): a position p is examined only once guard.Clear(p + m) has
-// agreed, and where it refuses, guard.Finish records the rest from the first position not yet
-// examined.
+// rejected as no whole word), found by the kernels a batch at a time with their results (lines
+// counted up to a rejected one cost nothing extra: the count goes on from there). This is what
+// the defining scan records whenever its table never moves the term past a place where it
+// matches, which the callers check first, or, for a guard that is active, which the guard makes
+// sure of as the route goes (see WideCaselessGuard): a position p is examined only once
+// guard.Clear(p + m) has agreed, and where it refuses, guard.Finish records the rest from the
+// first position not yet examined.
 template <typename T, typename Guard, typename Sink>
 std::uint32_t GreedyScan(const GreedyQuery<T>& query, std::uint32_t n, bool whole_words,
                          T delimiter, const ScanKernels<T>& kernels, Guard& guard, Sink& sink) {
@@ -311,7 +312,7 @@ std::uint32_t GreedyScan(const GreedyQuery<T>& query, std::uint32_t n, bool whol
   const std::uint32_t last_pos = n - m;
   std::uint32_t found = 0;
   std::uint32_t next = 0;  // The first position not examined yet.
-  std::uint32_t batch[kBatch];
+  Occurrence batch[kBatch];
   while (next <= last_pos) {
     std::uint32_t limit = last_pos;
     if constexpr (Guard::kActive) {
@@ -320,11 +321,11 @@ std::uint32_t GreedyScan(const GreedyQuery<T>& query, std::uint32_t n, bool whol
       }
       if (guard.cleared() - m < limit) limit = guard.cleared() - m;
     }
-    const std::uint32_t count = kernels.find(query, &next, limit, batch, kBatch);
+    const std::uint32_t count = kernels.find(query, lines.state(), &next, limit, batch, kBatch);
     for (std::uint32_t i = 0; i < count; ++i) {
-      if (!whole_words || IsWholeWord(text, n, batch[i], m)) {
+      if (!whole_words || IsWholeWord(text, n, batch[i].pos, m)) {
         ++found;
-        sink(lines.ResultAt(batch[i]));
+        sink(batch[i].result);
       }
     }
   }

@@ -22,13 +22,25 @@ bool OccursAt(const GreedyQuery<T>& query, const T* p) {
 }
 
 template <typename T>
-std::uint32_t Find(const GreedyQuery<T>& query, std::uint32_t* next_io, std::uint32_t limit,
-                   std::uint32_t* out, std::uint32_t capacity) {
+std::uint64_t ResultAt(LineState<T>& lines, std::uint32_t pos) {
+  for (std::uint32_t i = lines.scanned; i < pos; ++i) {
+    if (lines.text[i] == lines.delimiter) {
+      ++lines.line;
+      lines.line_start = i + 1;
+    }
+  }
+  lines.scanned = pos;
+  return static_cast<std::uint64_t>(lines.line_start) << 32 | lines.line;
+}
+
+template <typename T>
+std::uint32_t Find(const GreedyQuery<T>& query, LineState<T>& lines, std::uint32_t* next_io,
+                   std::uint32_t limit, Occurrence* out, std::uint32_t capacity) {
   std::uint32_t next = *next_io;
   std::uint32_t count = 0;
   while (next <= limit && count < capacity) {
     if (OccursAt(query, query.text + next)) {
-      out[count++] = next;
+      out[count++] = Occurrence{next, ResultAt(lines, next)};
       next += query.m;
     } else {
       ++next;
@@ -38,17 +50,6 @@ std::uint32_t Find(const GreedyQuery<T>& query, std::uint32_t* next_io, std::uin
   return count;
 }
 
-template <typename T>
-void AdvanceLines(LineState<T>& lines, std::uint32_t pos) {
-  for (std::uint32_t i = lines.scanned; i < pos; ++i) {
-    if (lines.text[i] == lines.delimiter) {
-      ++lines.line;
-      lines.line_start = i + 1;
-    }
-  }
-  lines.scanned = pos;
-}
-
 std::uint32_t FindHigh(const wchar_t* p, std::uint32_t count) {
   std::uint32_t i = 0;
   while (i < count && p[i] < 256) ++i;
@@ -56,7 +57,7 @@ std::uint32_t FindHigh(const wchar_t* p, std::uint32_t count) {
 }
 
 template <typename T>
-constexpr ScanKernels<T> kKernels{&Find<T>, &AdvanceLines<T>, &FindHigh};
+constexpr ScanKernels<T> kKernels{&Find<T>, &ResultAt<T>, &FindHigh};
 
 }  // namespace
 
