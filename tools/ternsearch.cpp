@@ -185,9 +185,9 @@ class Output {
   std::string text_;
 };
 
-// Line feeds in text[0 .. count - 1]: SSE2 compares (in the i686 build too, whose baseline
-// lacks SSE2, as the library's scan does), summed per byte lane in runs short enough that no lane
-// overflows.
+// Line feeds in text[0 .. count - 1]: SSE2 compares, summed per byte lane in runs short enough
+// that no lane overflows. The i686 build too assumes a processor with SSE2 here, though its
+// baseline lacks it (the library's scan checks; this tool does not yet).
 template <typename T>
 __attribute__((target("sse2"))) std::uint64_t CountLineFeeds(const T* text, std::size_t count) {
   constexpr std::size_t kLanes = 16 / sizeof(T);
