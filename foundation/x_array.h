@@ -30,6 +30,8 @@ struct XArrayEntry {
 template <typename R>
 class XArrayRecordPool {
  public:
+  // Records in the first block; each later block holds twice its predecessor's, up to
+  // kMaxBlockRecords (a megabyte or two of records: few blocks, little left unused).
   static constexpr std::size_t kFirstBlockRecords = 16;
   static constexpr std::size_t kMaxBlockRecords = std::size_t{1} << 16;
 
@@ -40,6 +42,7 @@ class XArrayRecordPool {
     return new (free_++) R{value, owned};
   }
 
+  // Ends `record`'s life; its memory stays in its block until ReleaseBlocks.
   static void Destroy(R* record) { record->~R(); }
 
   // Gives back every block. The records in them must have been destroyed.
