@@ -23,9 +23,15 @@ namespace internal {
 // for no more than that and takes a multiple of it, so that the payload is exactly as aligned as
 // a plain block of that allocator.
 
-// The C runtime's malloc, realloc and free: 8 bytes in 32-bit processes, 16 in 64-bit ones.
+// What the C runtime's malloc guarantees: 8 bytes in 32-bit processes, 16 in 64-bit ones. Not
+// alignof(std::max_align_t): in 32-bit MinGW builds that is 8 or 16 depending on which header
+// defined the type first, and a layout that the library and the application both compile (see
+// XArray) must not depend on the order of includes.
+constexpr std::size_t kMallocAlignment = 2 * sizeof(void*);
+
+// The C runtime's malloc, realloc and free.
 struct MallocMemory {
-  static constexpr std::size_t kAlignment = alignof(std::max_align_t);
+  static constexpr std::size_t kAlignment = kMallocAlignment;
   static void* Allocate(std::size_t bytes) { return std::malloc(bytes); }
   static void* Reallocate(void* block, std::size_t bytes) { return std::realloc(block, bytes); }
   static void Free(void* block) { std::free(block); }
@@ -35,7 +41,7 @@ struct MallocMemory {
 // alignment; the compiler's __STDCPP_DEFAULT_NEW_ALIGNMENT__ claims 16 bytes in 32-bit processes
 // too, which the runtime's malloc does not give, so that figure is not trusted here. No resize.
 struct ObjectMemory {
-  static constexpr std::size_t kAlignment = alignof(std::max_align_t);
+  static constexpr std::size_t kAlignment = kMallocAlignment;
   static void* Allocate(std::size_t bytes) { return ::operator new(bytes, std::nothrow); }
   static void Free(void* block) { ::operator delete(block); }
 };
