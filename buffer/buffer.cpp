@@ -1,6 +1,5 @@
 #include "buffer/buffer.h"
 
-#include <atomic>
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
@@ -8,48 +7,26 @@
 #include <new>
 #include <type_traits>
 
+#include "foundation/counted_block.h"
+
 namespace KVT {
 namespace {
 
-// Every text block starts with a count of the buffers that hold it, hidden in front of `data`.
-// Sixteen bytes keep `data` at malloc's own alignment.
-using Holders = std::atomic<long>;
-constexpr std::size_t kHeaderBytes = 16;
-static_assert(sizeof(Holders) <= kHeaderBytes, "the holder count must fit the block header");
-static_assert(alignof(Holders) <= alignof(std::max_align_t) &&
-                  kHeaderBytes % alignof(std::max_align_t) == 0,
-              "the count sits at the start of a malloc block, and `data` keeps malloc's alignment");
-
-char* BlockBase(void* data) { return static_cast<char*>(data) - kHeaderBytes; }
-Holders& BlockHolders(void* data) { return *reinterpret_cast<Holders*>(BlockBase(data)); }
-
-void HoldBlock(void* data) {
-  if (data != nullptr) BlockHolders(data).fetch_add(1);
-}
+// A text block is malloc/realloc memory with a hidden count of the buffers that hold it.
+using TextBlock = internal::CountedBlock<internal::MallocMemory>;
 
 // Lets go of `data`, releasing the block if nobody else holds it.
 void ReleaseBlock(void* data) {
-  if (data != nullptr && BlockHolders(data).fetch_sub(1) == 1) std::free(BlockBase(data));
-}
-
-// A new block of `bytes` bytes (header not counted) with one holder; null if malloc fails.
-void* NewBlock(std::size_t bytes) {
-  void* base = std::malloc(kHeaderBytes + bytes);
-  if (base == nullptr) return nullptr;
-  new (base) Holders(1);
-  return static_cast<char*>(base) + kHeaderBytes;
+  if (TextBlock::Release(data)) TextBlock::Free(data);
 }
 
 // `data` (with `old_bytes` in use, or null) resized to `new_bytes`, contents kept; null if the
 // heap refuses, and `data` is then untouched. A block that other buffers hold is not moved under
 // them: the caller gets a copy and lets go of the original.
 void* ResizeBlock(void* data, std::size_t old_bytes, std::size_t new_bytes) {
-  if (data == nullptr) return NewBlock(new_bytes);
-  if (BlockHolders(data).load() == 1) {
-    void* base = std::realloc(BlockBase(data), kHeaderBytes + new_bytes);
-    return base != nullptr ? static_cast<char*>(base) + kHeaderBytes : nullptr;
-  }
-  void* copy = NewBlock(new_bytes);
+  if (data == nullptr) return TextBlock::Allocate(new_bytes);
+  if (TextBlock::Holders(data) == 1) return TextBlock::Reallocate(data, new_bytes);
+  void* copy = TextBlock::Allocate(new_bytes);
   if (copy == nullptr) return nullptr;
   std::memcpy(copy, data, old_bytes);
   ReleaseBlock(data);
@@ -198,13 +175,13 @@ CBuffer<T>& CBuffer<T>::operator=(const T* text) {
 }
 
 // Copies share; see the class comment. What this buffer held before only loses its holder:
-// its text stays allocated even when this was the last holder, so that pointers into it stay
-// good, and so do its tables.
+// its text stays allocated even when this was the last holder (a leak by contract), so that
+// pointers into it stay good, and so do its tables.
 template <typename T>
 CBuffer<T>& CBuffer<T>::operator=(const CBuffer& other) {
   if (this == &other) return *this;
-  HoldBlock(other.data);
-  if (data != nullptr) BlockHolders(data).fetch_sub(1);
+  TextBlock::Retain(other.data);
+  TextBlock::Drop(data);
 
   XArray<std::uint64_t>* shared_results = nullptr;
   if (other.results != nullptr) {

@@ -1,50 +1,32 @@
 #include "buffer/search_query.h"
 
-#include <atomic>
 #include <cctype>
 #include <cstddef>
 #include <cstring>
 #include <cwctype>
 #include <new>
 
+#include "foundation/counted_block.h"
+
 namespace KVT {
 namespace {
 
 // Copies of a query share its arrays (the assignment must not copy them), and the class has no
-// room for an owner flag, so each array carries a hidden reference count in front of it. The
-// count is atomic because two queries sharing arrays may live on different threads.
-// operator new gives malloc's alignment, which std::max_align_t states (8 bytes in 32-bit
-// processes, though GCC's own default for new is 16): the header asks for no more.
-struct alignas(8) SharedHeader {
-  std::atomic<long> refs;
-};
-static_assert(alignof(SharedHeader) <= alignof(std::max_align_t),
-              "the header sits at the start of a block of operator new");
+// room for an owner flag, so each array is a counted block of the object allocator. The count is
+// atomic because two queries sharing arrays may live on different threads.
+using SharedArray = internal::CountedBlock<internal::ObjectMemory>;
 
 template <typename E>
 E* NewShared(std::size_t count) {
-  static_assert(sizeof(SharedHeader) % alignof(E) == 0, "the array must stay aligned");
-  void* block = ::operator new[](sizeof(SharedHeader) + count * sizeof(E), std::nothrow);
-  if (block == nullptr) return nullptr;
-  new (block) SharedHeader{{1}};
-  return reinterpret_cast<E*>(static_cast<char*>(block) + sizeof(SharedHeader));
+  static_assert(alignof(E) <= internal::ObjectMemory::kAlignment, "the array must stay aligned");
+  return static_cast<E*>(SharedArray::Allocate(count * sizeof(E)));
 }
 
-SharedHeader* HeaderOf(void* array) {
-  return reinterpret_cast<SharedHeader*>(static_cast<char*>(array) - sizeof(SharedHeader));
-}
+void Share(void* array) { SharedArray::Retain(array); }
 
-void Share(void* array) {
-  if (array != nullptr) HeaderOf(array)->refs.fetch_add(1, std::memory_order_relaxed);
-}
-
-// Drops one share; the last one frees the array unless `keep_last` asks to leave it allocated.
-void Unshare(void* array, bool keep_last = false) {
-  if (array == nullptr) return;
-  SharedHeader* header = HeaderOf(array);
-  if (header->refs.fetch_sub(1, std::memory_order_acq_rel) != 1 || keep_last) return;
-  header->~SharedHeader();
-  ::operator delete[](header);
+// Drops one share; the last one frees the array.
+void Unshare(void* array) {
+  if (SharedArray::Release(array)) SharedArray::Free(array);
 }
 
 char UpperOf(char ch) { return static_cast<char>(std::toupper(static_cast<unsigned char>(ch))); }
@@ -108,9 +90,10 @@ CSearchQuery<T>& CSearchQuery<T>::operator=(const CSearchQuery& other) {
   if (this == &other) return *this;
   Share(other.term);
   Share(other.shiftTable);
-  // This query's share of its old arrays ends, but they are not freed (see the header).
-  Unshare(term, /*keep_last=*/true);
-  Unshare(shiftTable, /*keep_last=*/true);
+  // This query's share of its old arrays ends, but they are not freed even when it was the last
+  // one, a leak by contract (see the header).
+  SharedArray::Drop(term);
+  SharedArray::Drop(shiftTable);
   term = other.term;
   termLength = other.termLength;
   shiftTable = other.shiftTable;

@@ -4,13 +4,13 @@
 // XArray<T>: the library's growable array, header-only and outside the namespace, since the
 // application meets it directly (String::ToTokens fills one that the caller made).
 
-#include <atomic>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <new>
 #include <type_traits>
+
+#include "foundation/counted_block.h"
 
 // One record of an XArray: the value and whether the array must release it.
 template <typename T>
@@ -147,16 +147,17 @@ class XArray {
   XArray(const XArray& other)
       : entries(other.entries), capacity(other.capacity), growStep(other.growStep),
         sorted(other.sorted), count(other.count) {
-    Hold(entries);
+    Table::Retain(entries);
   }
 
   // Shares `other`'s table and records; drops the hold on its own without releasing it (see
   // "Copies" above).
   XArray& operator=(const XArray& other) {
     if (this == &other) return *this;
-    Hold(other.entries);
-    // Only the hold goes, even if it was the last one: see the class comment.
-    if (entries != nullptr) Holders(entries).fetch_sub(1);
+    Table::Retain(other.entries);
+    // Only the hold goes, even if it was the last one: this leaks by contract (see the class
+    // comment).
+    Table::Drop(entries);
     entries = other.entries;
     capacity = other.capacity;
     growStep = other.growStep;
@@ -215,7 +216,7 @@ class XArray {
   // stopped.
   void RemoveAll() {
     if (entries == nullptr) return;
-    if (Holders(entries).fetch_sub(1) == 1) {
+    if (Table::Release(entries)) {
       for (int i = 0; i < capacity; ++i) {
         Entry* entry = entries[i];
         if (entry == nullptr) continue;
@@ -228,7 +229,7 @@ class XArray {
           try {
             ReleaseValue(value);
           } catch (...) {
-            Holders(entries).store(1);
+            Table::Retain(entries);  // Its one holder again, for the RemoveAll that goes on.
             return;
           }
         }
@@ -249,7 +250,6 @@ class XArray {
   int count;        // Entries in use: slots 0 to count - 1.
 
  private:
-  using Counter = std::atomic<long>;
   using Pool = XArrayRecordPool<Entry>;
   using Pointee = std::remove_cv_t<std::remove_pointer_t<T>>;
 
@@ -258,46 +258,38 @@ class XArray {
   static constexpr bool kCanOwn =
       std::is_pointer_v<T> && std::is_object_v<std::remove_pointer_t<T>>;
 
-  // What the block under `entries` holds in front of slot 0: the count of arrays that hold the
-  // table, the slots the block has room for, and the allocator of the table's records.
-  struct Header {
-    Counter holders;
+  // What the block under `entries` holds in front of slot 0 besides the count of arrays that
+  // hold the table: the slots the block has room for, and the allocator of the table's records.
+  struct TableExtra {
     int room;
     Pool records;
   };
-  static_assert(sizeof(Header) % alignof(Entry*) == 0, "slots must follow the header aligned");
+  // The table is malloc/realloc memory, as the class comment says.
+  using Table = KVT::internal::CountedBlock<KVT::internal::MallocMemory, TableExtra>;
 
-  static Header* HeaderOf(Entry** table) { return reinterpret_cast<Header*>(table) - 1; }
-  static Counter& Holders(Entry** table) { return HeaderOf(table)->holders; }
-  static Pool& Records(Entry** table) { return HeaderOf(table)->records; }
-  static void Hold(Entry** table) {
-    if (table != nullptr) Holders(table).fetch_add(1);
-  }
+  static Pool& Records(Entry** table) { return Table::ExtraOf(table).records; }
 
   static std::size_t TableBytes(int slots) {
-    return sizeof(Header) + static_cast<std::size_t>(slots) * sizeof(Entry*);
+    return static_cast<std::size_t>(slots) * sizeof(Entry*);
   }
   static bool Fits(std::size_t slots) {
     return slots <= static_cast<std::size_t>(INT_MAX) &&
-           slots < (SIZE_MAX - sizeof(Header)) / sizeof(Entry*);
+           slots < (SIZE_MAX - Table::kHeaderBytes) / sizeof(Entry*);
   }
 
   // A table of `slots` null slots with one holder and no records, or null.
   static Entry** NewTable(int slots) {
-    void* base = std::malloc(TableBytes(slots));
-    if (base == nullptr) return nullptr;
-    Header* header = new (base) Header{{1}, slots, Pool()};
-    Entry** table = reinterpret_cast<Entry**>(header + 1);
+    Entry** table = static_cast<Entry**>(Table::Allocate(TableBytes(slots)));
+    if (table == nullptr) return nullptr;
+    Table::ExtraOf(table).room = slots;
     for (int i = 0; i < slots; ++i) table[i] = nullptr;
     return table;
   }
 
   // Gives back the records' blocks and the table; the records are destroyed already.
   static void FreeTable(Entry** table) {
-    Header* header = HeaderOf(table);
-    header->records.ReleaseBlocks();
-    header->~Header();
-    std::free(header);
+    Records(table).ReleaseBlocks();
+    Table::Free(table);
   }
 
   // A table that can't be had or grown leaves the array as it was, and Add reports -1: nothing
@@ -322,16 +314,15 @@ class XArray {
     }
     if (!Fits(static_cast<std::size_t>(capacity) + step)) return false;
     const int grown = capacity + step;
-    if (Holders(entries).load() != 1) return GrowShared(grown);
-    int room = HeaderOf(entries)->room;
+    if (Table::Holders(entries) != 1) return GrowShared(grown);
+    int room = Table::ExtraOf(entries).room;
     if (grown > room) {
       const std::size_t doubled = 2 * static_cast<std::size_t>(room);
       room = Fits(doubled) && static_cast<int>(doubled) > grown ? static_cast<int>(doubled) : grown;
-      void* base = std::realloc(HeaderOf(entries), TableBytes(room));
-      if (base == nullptr) return false;
-      Header* header = static_cast<Header*>(base);
-      header->room = room;
-      entries = reinterpret_cast<Entry**>(header + 1);
+      void* table = Table::Reallocate(entries, TableBytes(room));
+      if (table == nullptr) return false;
+      entries = static_cast<Entry**>(table);
+      Table::ExtraOf(entries).room = room;
     }
     for (int i = capacity; i < grown; ++i) entries[i] = nullptr;
     capacity = grown;
@@ -350,7 +341,7 @@ class XArray {
     const int shared_capacity = capacity;
     entries = table;
     capacity = grown;
-    if (Holders(shared).fetch_sub(1) == 1) {
+    if (Table::Release(shared)) {
       // The other holders let go meanwhile (on other threads): the old table is this copy's to
       // release, and the values that the new records carry become theirs to own.
       for (int i = 0; i < shared_capacity; ++i) {

@@ -4,30 +4,17 @@
 #include <cstdint>
 #include <cstring>
 
-#include "foundation/memory.h"
+#include "foundation/counted_heap_block.h"
 
 namespace KVT {
 namespace {
 
-// A packet's block on the process heap starts with this header; `packet` points behind it. The
-// header counts the messages that share the block, so that copies of a message release it once.
-// It takes exactly the alignment that the heap guarantees (8 bytes in 32-bit processes, 16 in
-// 64-bit ones): no more, as the header sits at the start of a heap block, and that much in size,
-// so that the packet is as aligned as the heap's blocks are.
-struct alignas(MEMORY_ALLOCATION_ALIGNMENT) BlockHeader {
-  LONG users;
-};
-static_assert(alignof(BlockHeader) == MEMORY_ALLOCATION_ALIGNMENT &&
-                  sizeof(BlockHeader) == MEMORY_ALLOCATION_ALIGNMENT,
-              "the header must fit the heap's alignment, and keep the packet at it");
-constexpr std::int64_t kHeaderBytes = sizeof(BlockHeader);
-constexpr std::int64_t kMaxCapacity = INT_MAX - kHeaderBytes;
-
-BlockHeader* HeaderOf(char* packet) {
-  return reinterpret_cast<BlockHeader*>(packet - kHeaderBytes);
-}
-
-char* PacketOf(void* block) { return static_cast<char*>(block) + kHeaderBytes; }
+// A packet's block is a counted block on the process heap (zero-filled), counting the messages
+// that share it, so that copies of a message release it once.
+using PacketBlock = internal::CountedBlock<internal::HeapMemory>;
+// Header and packet together stay within what an int counts.
+constexpr std::int64_t kMaxCapacity =
+    INT_MAX - static_cast<std::int64_t>(PacketBlock::kHeaderBytes);
 
 }  // namespace
 
@@ -41,12 +28,12 @@ CSocketMsg::CSocketMsg(CSocketMsg const& other)
       msgLength(other.msgLength),
       headerSize(other.headerSize),
       trailerSize(other.trailerSize) {
-  if (packet != nullptr) ::InterlockedIncrement(&HeaderOf(packet)->users);
+  PacketBlock::Retain(packet);
 }
 
 CSocketMsg& CSocketMsg::operator=(CSocketMsg const& other) {
   if (other.packet != packet) {
-    if (other.packet != nullptr) ::InterlockedIncrement(&HeaderOf(other.packet)->users);
+    PacketBlock::Retain(other.packet);
     ReleasePacket();
     packet = other.packet;
   }
@@ -61,10 +48,9 @@ CSocketMsg& CSocketMsg::operator=(CSocketMsg const& other) {
 CSocketMsg::~CSocketMsg() { ReleasePacket(); }
 
 void CSocketMsg::ReleasePacket() {
-  if (packet == nullptr) return;
-  BlockHeader* header = HeaderOf(packet);
+  char* released = packet;
   packet = nullptr;
-  if (::InterlockedDecrement(&header->users) == 0) MemFree(header);
+  if (PacketBlock::Release(released)) PacketBlock::Free(released);
 }
 
 void CSocketMsg::Resize(int size) {
@@ -75,16 +61,16 @@ void CSocketMsg::Resize(int size) {
     const std::int64_t grown = static_cast<std::int64_t>(capacity) + size;
     void* block = nullptr;
     if (needed <= kMaxCapacity && grown <= kMaxCapacity) {
-      const auto bytes = static_cast<std::uint32_t>(kHeaderBytes + grown);
+      const auto bytes = static_cast<std::size_t>(grown);
       if (packet == nullptr) {
-        block = MemAlloc(bytes);
-      } else if (::InterlockedCompareExchange(&HeaderOf(packet)->users, 0, 0) == 1) {
-        block = MemRealloc(HeaderOf(packet), bytes);
+        block = PacketBlock::Allocate(bytes);
+      } else if (PacketBlock::Holders(packet) == 1) {
+        block = PacketBlock::Reallocate(packet, bytes);
         if (block != nullptr) packet = nullptr;  // Moved: the old pointer is no longer ours.
       } else {
         // A copy shares the block: take a new one, so that the copy's stays as it is.
-        block = MemAlloc(bytes);
-        if (block != nullptr) std::memcpy(PacketOf(block), packet, recvSize);
+        block = PacketBlock::Allocate(bytes);
+        if (block != nullptr) std::memcpy(block, packet, recvSize);
       }
     }
     if (block == nullptr) {
@@ -95,8 +81,7 @@ void CSocketMsg::Resize(int size) {
       return;
     }
     ReleasePacket();
-    static_cast<BlockHeader*>(block)->users = 1;
-    packet = PacketOf(block);
+    packet = static_cast<char*>(block);
     capacity = static_cast<int>(grown);
     std::memset(packet + recvSize, 0, static_cast<size_t>(capacity - recvSize));
   }

@@ -1,24 +1,20 @@
 #include "sync/lock.h"
 
-#include <cstddef>
-#include <new>
-
+#include "foundation/counted_block.h"
 #include "sync/lock_internal.h"
 
 namespace KVT {
 namespace {
 
-// The block behind CLock::section. Copies of a lock share one section, and each must be able to
-// let go of it without deleting it under the others, so the block also counts the locks that use
-// it. The section comes first, so that `section` points at the start of the block.
-struct SharedSection {
-  CRITICAL_SECTION section;
-  LONG users;
-};
-static_assert(offsetof(SharedSection, section) == 0, "CLock::section must point at the block");
+// The block behind CLock::section, of the object allocator. Copies of a lock share one section,
+// and each must be able to let go of it without deleting it under the others, so the block also
+// counts the locks that use it.
+using SectionBlock = internal::CountedBlock<internal::ObjectMemory>;
+static_assert(alignof(CRITICAL_SECTION) <= internal::ObjectMemory::kAlignment,
+              "the section keeps its alignment behind the count");
 
-SharedSection* BlockOf(CRITICAL_SECTION* section) {
-  return reinterpret_cast<SharedSection*>(section);
+void DeleteSection(void* section) {
+  ::DeleteCriticalSection(static_cast<CRITICAL_SECTION*>(section));
 }
 
 // `owner` is written under the section and read without it; a thread only ever compares it with
@@ -34,13 +30,9 @@ void WriteOwner(unsigned long& owner, unsigned long id) {
 // does, then the section is deleted if no other copy uses it. `section` is null afterwards.
 void LetGo(CLock& lock) {
   lock.Unlock();  // Only does something for the owner.
-  if (lock.section == nullptr) return;
-  SharedSection* block = BlockOf(lock.section);
+  CRITICAL_SECTION* section = lock.section;
   lock.section = nullptr;
-  if (::InterlockedDecrement(&block->users) == 0) {
-    ::DeleteCriticalSection(&block->section);
-    delete block;
-  }
+  SectionBlock::Release(section, DeleteSection);
 }
 
 }  // namespace
@@ -49,15 +41,14 @@ CLock::CLock() : count(0), owner(0), section(nullptr) {
   // If the block cannot be allocated, the lock is left without a section and behaves like a
   // destroyed one: Lock does nothing, and so Unlock has nothing to undo. There is no way to
   // report the failure, and a lock that blocks forever or crashes would be worse.
-  SharedSection* block = new (std::nothrow) SharedSection;
+  void* block = SectionBlock::Allocate(sizeof(CRITICAL_SECTION));
   if (block == nullptr) return;
-  ::InitializeCriticalSection(&block->section);  // Recursive by nature.
-  block->users = 1;
-  section = &block->section;
+  section = static_cast<CRITICAL_SECTION*>(block);
+  ::InitializeCriticalSection(section);  // Recursive by nature.
 }
 
 CLock::CLock(const CLock& other) : count(other.count), owner(other.owner), section(other.section) {
-  if (section != nullptr) ::InterlockedIncrement(&BlockOf(section)->users);
+  SectionBlock::Retain(section);
 }
 
 CLock::~CLock() { LetGo(*this); }
@@ -66,7 +57,7 @@ CLock& CLock::operator=(const CLock& other) {
   if (other.section != section) {
     // Join the other section before leaving our own, then let go of ours the way the destructor
     // does: a copy of the lock that still holds it keeps it alive.
-    if (other.section != nullptr) ::InterlockedIncrement(&BlockOf(other.section)->users);
+    SectionBlock::Retain(other.section);
     CRITICAL_SECTION* joined = other.section;
     LetGo(*this);
     section = joined;
@@ -99,8 +90,7 @@ bool CLock::HaveLock() const { return ReadOwner(owner) == ::GetCurrentThreadId()
 namespace internal {
 
 long LockShareCount(const CLock& lock) {
-  if (lock.section == nullptr) return 0;
-  return ::InterlockedCompareExchange(&BlockOf(lock.section)->users, 0, 0);
+  return SectionBlock::Holders(lock.section);
 }
 
 }  // namespace internal

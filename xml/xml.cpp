@@ -1,12 +1,12 @@
 #include "xml/xml.h"
 
-#include <atomic>
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
 #include <new>
 #include <vector>
 
+#include "foundation/counted_block.h"
 #include "foundation/string_util.h"
 #include "foundation/temp_string.h"
 #include "xml/xml_dom.h"
@@ -14,44 +14,34 @@
 namespace KVT {
 namespace {
 
-// The root tag lives in a block of its own with a count of the CXml objects that hold it in
-// front, so that copies of a CXml can share one tree and the last of them destroys it.
-using Holders = std::atomic<long>;
-constexpr std::size_t kRootHeader = alignof(std::max_align_t) > sizeof(Holders)
-                                        ? alignof(std::max_align_t)
-                                        : sizeof(Holders);
+// The root tag lives in a counted block of the object allocator, so that copies of a CXml can
+// share one tree and the last of them destroys it.
+using RootBlock = internal::CountedBlock<internal::ObjectMemory>;
+static_assert(alignof(CXMLTag) <= internal::ObjectMemory::kAlignment,
+              "the tag keeps the alignment that the object allocator gives");
 
-static_assert(alignof(CXMLTag) <= alignof(std::max_align_t) &&
-                  kRootHeader % alignof(CXMLTag) == 0,
-              "the count and the tag must keep the alignment that operator new gives the block");
-
-Holders& RootHolders(CXMLTag* root) {
-  return *reinterpret_cast<Holders*>(reinterpret_cast<char*>(root) - kRootHeader);
-}
-
+// A root tag with one holder. Out of memory raises std::bad_alloc, as new does; what the tag's
+// constructor raises passes through, and the block goes back first.
 CXMLTag* NewRoot(const xml_dom::NodePtr& node, const wchar_t* name) {
-  void* block = ::operator new(kRootHeader + sizeof(CXMLTag));
-  new (block) Holders(1);
+  void* block = RootBlock::Allocate(sizeof(CXMLTag));
+  if (block == nullptr) throw std::bad_alloc();
   try {
-    return new (static_cast<char*>(block) + kRootHeader) CXMLTag(node, name);
+    return new (block) CXMLTag(node, name);
   } catch (...) {
-    ::operator delete(block);
+    RootBlock::Free(block);
     throw;
   }
 }
 
-void HoldRoot(CXMLTag* root) {
-  if (root != nullptr) RootHolders(root).fetch_add(1);
-}
+void HoldRoot(CXMLTag* root) { RootBlock::Retain(root); }
 
 // Lets go of `root`; the last holder releases its node, then destroys it with its attributes and
 // children.
 void DropRoot(CXMLTag* root) {
-  if (root == nullptr || RootHolders(root).fetch_sub(1) != 1) return;
-  if (root->domNode != nullptr) root->Release();
-  void* block = reinterpret_cast<char*>(root) - kRootHeader;
-  root->~CXMLTag();
-  ::operator delete(block);
+  RootBlock::Release(root, [root](void*) {
+    if (root->domNode != nullptr) root->Release();
+    root->~CXMLTag();
+  });
 }
 
 // The names of a path, up to the first null.
