@@ -20,11 +20,14 @@ namespace search_internal {
 // the term holds first[k] or second[k]. A search by value has three places and one member each
 // (member[i][1] repeats member[i][0], and second is first, the term); a caseless one two or
 // three places with two members (those of each place's set, see CaselessClassSets). The places
-// are below m.
+// are below m. `accept`, where not null, decides whether an occurrence at pos counts (whole
+// words); one that doesn't is skipped all the same.
 template <typename T>
 struct GreedyQuery {
   const T* text;
+  std::uint32_t n;
   std::uint32_t m;
+  bool (*accept)(const T* text, std::uint32_t n, std::uint32_t pos, std::uint32_t m);
   std::uint32_t places;   // 2 or 3; 3 where members is 1.
   std::uint32_t members;  // 1 or 2.
   std::uint32_t place[3];
@@ -53,10 +56,11 @@ struct Occurrence {
 template <typename T>
 struct ScanKernels {
   // Leftmost occurrences of `query` at positions *next .. limit, each looked for from m places
-  // behind the previous one, stored in out[] in text order with their results (see result_at,
-  // which `lines` goes through for each), at most `capacity` (at least 1) of them; returns how
-  // many. Leaves *next at the first position not examined: m behind the last occurrence when
-  // `capacity` is reached, else past `limit`. Reads text only below limit + m.
+  // behind the previous one; those that query.accept takes are stored in out[] in text order
+  // with their results (see result_at, which `lines` goes through for each), at most `capacity`
+  // (at least 1) of them; returns how many. Leaves *next at the first position not examined: m
+  // behind the last occurrence stored when `capacity` is reached, else past `limit`. Reads text
+  // only below limit + m.
   std::uint32_t (*find)(const GreedyQuery<T>& query, LineState<T>& lines, std::uint32_t* next,
                         std::uint32_t limit, Occurrence* out, std::uint32_t capacity);
   // Moves `lines` on to `pos`, which is not below lines.scanned, and returns the result for an

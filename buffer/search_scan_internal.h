@@ -93,9 +93,10 @@ void PickThreePlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t th
 // The greedy route's query for a search by value: the term's three rarest places (see
 // Commonness) as the filter, the third from four characters on.
 template <typename T>
-GreedyQuery<T> ValueQuery(const T* text, const T* term, std::uint32_t m) {
+GreedyQuery<T> ValueQuery(const T* text, std::uint32_t n, const T* term, std::uint32_t m) {
   GreedyQuery<T> query{};
   query.text = text;
+  query.n = n;
   query.m = m;
   query.places = 3;
   query.members = 1;
@@ -153,9 +154,10 @@ class CaselessClassSets {
 
   // The greedy route's query over `text`, after Prepare: the two or three places chosen, with
   // the members of their sets.
-  GreedyQuery<T> Query(const T* text) const {
+  GreedyQuery<T> Query(const T* text, std::uint32_t n) const {
     GreedyQuery<T> query{};
     query.text = text;
+    query.n = n;
     query.m = m_;
     query.places = three_places_ ? 3 : 2;
     query.members = 2;
@@ -295,19 +297,20 @@ class WideCaselessGuard {
 };
 
 // Leftmost occurrences, each one looked for from m places behind the last occurrence found (or
-// rejected as no whole word), found by the kernels a batch at a time with their results (lines
-// counted up to a rejected one cost nothing extra: the count goes on from there). This is what
-// the defining scan records whenever its table never moves the term past a place where it
+// rejected as no whole word), found by the kernels a batch at a time with their results. This
+// is what the defining scan records whenever its table never moves the term past a place where it
 // matches, which the callers check first, or, for a guard that is active, which the guard makes
 // sure of as the route goes (see WideCaselessGuard): a position p is examined only once
 // guard.Clear(p + m) has agreed, and where it refuses, guard.Finish records the rest from the
 // first position not yet examined.
 template <typename T, typename Guard, typename Sink>
-std::uint32_t GreedyScan(const GreedyQuery<T>& query, std::uint32_t n, bool whole_words,
-                         T delimiter, const ScanKernels<T>& kernels, Guard& guard, Sink& sink) {
+std::uint32_t GreedyScan(GreedyQuery<T> query, bool whole_words, T delimiter,
+                         const ScanKernels<T>& kernels, Guard& guard, Sink& sink) {
   constexpr std::uint32_t kBatch = 64;
   const T* text = query.text;
+  const std::uint32_t n = query.n;
   const std::uint32_t m = query.m;
+  if (whole_words) query.accept = &IsWholeWord<T>;
   LineCounter<T> lines(text, delimiter, kernels);
   const std::uint32_t last_pos = n - m;
   std::uint32_t found = 0;
@@ -322,12 +325,8 @@ std::uint32_t GreedyScan(const GreedyQuery<T>& query, std::uint32_t n, bool whol
       if (guard.cleared() - m < limit) limit = guard.cleared() - m;
     }
     const std::uint32_t count = kernels.find(query, lines.state(), &next, limit, batch, kBatch);
-    for (std::uint32_t i = 0; i < count; ++i) {
-      if (!whole_words || IsWholeWord(text, n, batch[i].pos, m)) {
-        ++found;
-        sink(batch[i].result);
-      }
-    }
+    for (std::uint32_t i = 0; i < count; ++i) sink(batch[i].result);
+    found += count;
   }
   return found;
 }
@@ -340,10 +339,10 @@ std::uint32_t ClassSetScan(const T* text, std::uint32_t n, const CSearchQuery<T>
                            Sink& sink, const ScanKernels<T>& kernels) {
   if constexpr (sizeof(T) == 1) {
     NoGuard guard;
-    return GreedyScan(sets.Query(text), n, whole_words, delimiter, kernels, guard, sink);
+    return GreedyScan(sets.Query(text, n), whole_words, delimiter, kernels, guard, sink);
   } else {
     WideCaselessGuard guard(text, n, query, whole_words, sets, kernels);
-    return GreedyScan(sets.Query(text), n, whole_words, delimiter, kernels, guard, sink);
+    return GreedyScan(sets.Query(text, n), whole_words, delimiter, kernels, guard, sink);
   }
 }
 
@@ -446,7 +445,7 @@ std::uint32_t ScanText(const T* text, int n, const CSearchQuery<T>& query, unsig
                         ValueEqual(), ValueEqual(), NoStop(), sink);
   }
   NoGuard no_guard;
-  return GreedyScan(ValueQuery(text, term, um), un, whole_words, delimiter, kernels, no_guard,
+  return GreedyScan(ValueQuery(text, un, term, um), whole_words, delimiter, kernels, no_guard,
                     sink);
 }
 

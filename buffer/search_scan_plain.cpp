@@ -40,7 +40,9 @@ std::uint32_t Find(const GreedyQuery<T>& query, LineState<T>& lines, std::uint32
   std::uint32_t count = 0;
   while (next <= limit && count < capacity) {
     if (OccursAt(query, query.text + next)) {
-      out[count++] = Occurrence{next, ResultAt(lines, next)};
+      if (query.accept == nullptr || query.accept(query.text, query.n, next, query.m)) {
+        out[count++] = Occurrence{next, ResultAt(lines, next)};
+      }
       next += query.m;
     } else {
       ++next;

@@ -78,19 +78,33 @@ bool DecodeBlock(const unsigned char* source, unsigned char* out) {
 
 }  // namespace
 
+// The loops work on copies of the arguments: the bytes they store could alias the references,
+// which would have every round reload them.
 void EncodeBlocksSsse3(const unsigned char*& source, unsigned char*& destination, int& groups) {
-  for (; groups >= 6; groups -= 4) {
-    EncodeBlock(source, destination);
-    source += 12;
-    destination += 16;
+  const unsigned char* in = source;
+  unsigned char* out = destination;
+  int left = groups;
+  for (; left >= 6; left -= 4) {
+    EncodeBlock(in, out);
+    in += 12;
+    out += 16;
   }
+  source = in;
+  destination = out;
+  groups = left;
 }
 
 void DecodeBlocksSsse3(const unsigned char*& source, unsigned char*& out, int& length) {
-  for (; length >= 16 && DecodeBlock(source, out); length -= 16) {
-    source += 16;
-    out += 12;
+  const unsigned char* in = source;
+  unsigned char* to = out;
+  int left = length;
+  for (; left >= 16 && DecodeBlock(in, to); left -= 16) {
+    in += 16;
+    to += 12;
   }
+  source = in;
+  out = to;
+  length = left;
 }
 
 }  // namespace internal
