@@ -47,22 +47,16 @@ struct LineState {
   std::uint32_t line_start;
 };
 
-// An occurrence as ScanKernels::find hands it over: its position and its result.
-struct Occurrence {
-  std::uint32_t pos;
-  std::uint64_t result;
-};
-
 template <typename T>
 struct ScanKernels {
   // Leftmost occurrences of `query` at positions *next .. limit, each looked for from m places
-  // behind the previous one; those that query.accept takes are stored in out[] in text order
-  // with their results (see result_at, which `lines` goes through for each), at most `capacity`
-  // (at least 1) of them; returns how many. Leaves *next at the first position not examined: m
+  // behind the previous one; the results of those that query.accept takes are stored in out[] in
+  // text order (see result_at, which `lines` goes through for each), at most `capacity` (at
+  // least 1) of them; returns how many. Leaves *next at the first position not examined: m
   // behind the last occurrence stored when `capacity` is reached, else past `limit`. Reads text
   // only below limit + m.
   std::uint32_t (*find)(const GreedyQuery<T>& query, LineState<T>& lines, std::uint32_t* next,
-                        std::uint32_t limit, Occurrence* out, std::uint32_t capacity);
+                        std::uint32_t limit, std::uint64_t* out, std::uint32_t capacity);
   // Moves `lines` on to `pos`, which is not below lines.scanned, and returns the result for an
   // occurrence there: the line start in the high half, the line (from 1) in the low.
   std::uint64_t (*result_at)(LineState<T>& lines, std::uint32_t pos);

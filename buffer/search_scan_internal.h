@@ -307,15 +307,13 @@ template <typename T, typename Guard, typename Sink>
 std::uint32_t GreedyScan(GreedyQuery<T> query, bool whole_words, T delimiter,
                          const ScanKernels<T>& kernels, Guard& guard, Sink& sink) {
   constexpr std::uint32_t kBatch = 64;
-  const T* text = query.text;
-  const std::uint32_t n = query.n;
   const std::uint32_t m = query.m;
   if (whole_words) query.accept = &IsWholeWord<T>;
-  LineCounter<T> lines(text, delimiter, kernels);
-  const std::uint32_t last_pos = n - m;
+  LineCounter<T> lines(query.text, delimiter, kernels);
+  const std::uint32_t last_pos = query.n - m;
   std::uint32_t found = 0;
   std::uint32_t next = 0;  // The first position not examined yet.
-  Occurrence batch[kBatch];
+  std::uint64_t batch[kBatch];
   while (next <= last_pos) {
     std::uint32_t limit = last_pos;
     if constexpr (Guard::kActive) {
@@ -325,7 +323,7 @@ std::uint32_t GreedyScan(GreedyQuery<T> query, bool whole_words, T delimiter,
       if (guard.cleared() - m < limit) limit = guard.cleared() - m;
     }
     const std::uint32_t count = kernels.find(query, lines.state(), &next, limit, batch, kBatch);
-    for (std::uint32_t i = 0; i < count; ++i) sink(batch[i].result);
+    for (std::uint32_t i = 0; i < count; ++i) sink(batch[i]);
     found += count;
   }
   return found;

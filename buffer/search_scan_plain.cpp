@@ -35,13 +35,13 @@ std::uint64_t ResultAt(LineState<T>& lines, std::uint32_t pos) {
 
 template <typename T>
 std::uint32_t Find(const GreedyQuery<T>& query, LineState<T>& lines, std::uint32_t* next_io,
-                   std::uint32_t limit, Occurrence* out, std::uint32_t capacity) {
+                   std::uint32_t limit, std::uint64_t* out, std::uint32_t capacity) {
   std::uint32_t next = *next_io;
   std::uint32_t count = 0;
   while (next <= limit && count < capacity) {
     if (OccursAt(query, query.text + next)) {
       if (query.accept == nullptr || query.accept(query.text, query.n, next, query.m)) {
-        out[count++] = Occurrence{next, ResultAt(lines, next)};
+        out[count++] = ResultAt(lines, next);
       }
       next += query.m;
     } else {
