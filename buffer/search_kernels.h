@@ -53,8 +53,8 @@ struct ScanKernels {
   // behind the previous one; the results of those that query.accept takes are stored in out[] in
   // text order (see result_at, which `lines` goes through for each), at most `capacity` (at
   // least 1) of them; returns how many. Leaves *next at the first position not examined: m
-  // behind the last occurrence stored when `capacity` is reached, else past `limit`. Reads text
-  // only below limit + m.
+  // behind the last occurrence stored when `capacity` is reached, else past `limit`. Examines
+  // only positions up to `limit`: the text beyond limit + m - 1 may be read, never used.
   std::uint32_t (*find)(const GreedyQuery<T>& query, LineState<T>& lines, std::uint32_t* next,
                         std::uint32_t limit, std::uint64_t* out, std::uint32_t capacity);
   // Moves `lines` on to `pos`, which is not below lines.scanned, and returns the result for an
