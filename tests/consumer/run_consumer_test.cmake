@@ -6,13 +6,7 @@
 # with the installed headers alone.
 cmake_minimum_required(VERSION 3.23)
 
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE out)
-  if(NOT result EQUAL 0)
-    message(FATAL_ERROR "failed (${result}): ${ARGN}\n${out}")
-  endif()
-  set(last_output "${out}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/../run_step.cmake)
 
 # The consumer's build folder stays from run to run, so that a run with nothing changed builds
 # nothing; a fresh install each time, so that no header of an earlier one remains.

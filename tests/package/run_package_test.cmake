@@ -5,13 +5,7 @@
 #         -DCPACK=... -DVERSION=... -DSYSTEM=win32|win64 -P run_package_test.cmake
 cmake_minimum_required(VERSION 3.20)
 
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE out)
-  if(NOT result EQUAL 0)
-    message(FATAL_ERROR "failed (${result}): ${ARGN}\n${out}")
-  endif()
-  set(last_output "${out}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/../run_step.cmake)
 
 file(REMOVE_RECURSE "${WORK_DIR}")
 run(${CPACK} -G ZIP -B "${WORK_DIR}/out" --config "${BUILD_DIR}/CPackConfig.cmake")
