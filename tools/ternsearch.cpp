@@ -86,10 +86,13 @@ struct Options {
 std::string Utf8(const wchar_t* text, int length) {
   if (length <= 0) return std::string();
   const int bytes = WideCharToMultiByte(CP_UTF8, 0, text, length, nullptr, 0, nullptr, nullptr);
-  std::string out(static_cast<std::size_t>(bytes > 0 ? bytes : 0), '\0');
-  if (bytes > 0) {
-    WideCharToMultiByte(CP_UTF8, 0, text, length, &out[0], bytes, nullptr, nullptr);
-  }
+  if (bytes <= 0) return std::string();
+  std::string out(static_cast<std::size_t>(bytes), '\0');
+  // The converting call's own count decides the length: a text it converts otherwise than it
+  // measured must not leave zeros or a cut sequence in a name.
+  const int written =
+      WideCharToMultiByte(CP_UTF8, 0, text, length, &out[0], bytes, nullptr, nullptr);
+  out.resize(static_cast<std::size_t>(written > 0 ? written : 0));
   return out;
 }
 
