@@ -1,12 +1,13 @@
 // The search kernels for SSE2, compiled with -msse2 (buffer/CMakeLists.txt) and used only where
 // the processor has it. Everything here but the entry points is file-local, and the file includes
-// no header of the library with inline code: a copy of a shared inline function compiled for
-// SSE2 could be the one the linker keeps for every caller.
+// no header of the library with shared inline code (compiler.h's functions are static): a copy of
+// a shared inline function compiled for SSE2 could be the one the linker keeps for every caller.
 #include <emmintrin.h>
 
 #include <cstdint>
 
 #include "buffer/search_kernels.h"
+#include "foundation/compiler.h"
 
 namespace KVT {
 namespace search_internal {

@@ -92,8 +92,8 @@ endfunction()
 
 # Sources compiled for an instruction set beyond the build's baseline (`flags`, such as -mavx2),
 # called only after a run-time check (foundation/cpu_features.h). Such a file keeps its code
-# file-local and includes no header with inline code, so that no copy of a shared function is
-# built for that set. Vector moves are assembled as unaligned ones (same speed on aligned data):
+# file-local and includes no header with shared inline code (foundation/compiler.h's functions
+# are static), so that no copy of a shared function is built for that set. Vector moves are assembled as unaligned ones (same speed on aligned data):
 # GCC cannot align the x86_64 Windows stack to 32 bytes for a spilled AVX2 vector. i686 functions
 # realign their stack where they need it, since 32-bit Windows callers guarantee only 4 bytes.
 # Call it in the folder of the target that compiles the files.

@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include "foundation/base64_kernels.h"
+#include "foundation/compiler.h"
 #include "foundation/cpu_features.h"
 
 namespace KVT {
@@ -95,7 +96,7 @@ inline void EncodeGroupsScalar(const unsigned char* source, unsigned char* desti
   for (; groups >= 3; groups -= 2) {
     std::uint64_t loaded;
     std::memcpy(&loaded, source, sizeof loaded);
-    const std::uint64_t bytes = __builtin_bswap64(loaded);  // The first byte on top.
+    const std::uint64_t bytes = ByteSwap(loaded);  // The first byte on top.
     const std::uint64_t text =
         EncodeGroupWord(static_cast<std::uint32_t>(bytes >> 40)) |
         std::uint64_t{EncodeGroupWord(static_cast<std::uint32_t>(bytes >> 16) & 0xFFFFFF)} << 32;

@@ -15,6 +15,9 @@ enum CpuFeature : unsigned {
   // (OSXSAVE, and XCR0 with the SSE and AVX state): a processor that has it under a system that
   // doesn't must not use it.
   kCpuAvx2 = 1u << 2,
+  // AVX-512 Foundation and Byte/Word, where the system also saves the mask and 512-bit registers
+  // (XCR0 with the opmask and both ZMM states besides the AVX ones).
+  kCpuAvx512bw = 1u << 3,
 };
 
 // The CpuFeature bits of this processor, asked once per module and cached; safe from any thread.
