@@ -90,17 +90,41 @@ function(tern_add_subsystem name)
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
 endfunction()
 
-# Sources compiled for an instruction set beyond the build's baseline (`flags`, such as -mavx2),
-# called only after a run-time check (foundation/cpu_features.h). Such a file keeps its code
-# file-local and includes no header with shared inline code (foundation/compiler.h's functions
-# are static), so that no copy of a shared function is built for that set. Vector moves are assembled as unaligned ones (same speed on aligned data):
-# GCC cannot align the x86_64 Windows stack to 32 bytes for a spilled AVX2 vector. i686 functions
-# realign their stack where they need it, since 32-bit Windows callers guarantee only 4 bytes.
+# Sources compiled for an instruction set beyond the build's baseline, named the same for every
+# compiler: SSE2, SSSE3, AVX2 or AVX512BW (AVX-512 Foundation and Byte/Word). They are called only
+# after a run-time check (foundation/cpu_features.h). Such a file keeps its code file-local and
+# includes no header with shared inline code (foundation/compiler.h's functions are static), so
+# that no copy of a shared function is built for that set.
+#   GCC: -m flags. Vector moves are assembled as unaligned ones (same speed on aligned data): GCC
+#   cannot align the x86_64 Windows stack to 32 bytes for a spilled vector. i686 functions realign
+#   their stack where they need it, since 32-bit Windows callers guarantee only 4 bytes.
+#   Microsoft's ABI: /arch where cl.exe has one. cl.exe accepts every intrinsic without it; clang-cl
+#   wants the set enabled, so it also gets clang's own flag.
 # Call it in the folder of the target that compiles the files.
-function(tern_vector_sources flags)
-  set(options ${flags} -Wa,-muse-unaligned-vector-move)
-  if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-    list(APPEND options -mstackrealign)
+function(tern_vector_sources set)
+  set(gcc_SSE2 -msse2)
+  set(gcc_SSSE3 -mssse3)
+  set(gcc_AVX2 -mavx2)
+  set(gcc_AVX512BW -mavx512f -mavx512bw)
+  set(msvc_SSE2 "")
+  set(msvc_SSSE3 "")
+  set(msvc_AVX2 /arch:AVX2)
+  set(msvc_AVX512BW /arch:AVX512)
+  if(NOT DEFINED gcc_${set})
+    message(FATAL_ERROR "tern_vector_sources: unknown instruction set ${set}")
+  endif()
+  if(CMAKE_CXX_COMPILER_FRONTEND_VARIANT STREQUAL "MSVC")
+    set(options ${msvc_${set}})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+      foreach(flag IN LISTS gcc_${set})
+        list(APPEND options "/clang:${flag}")
+      endforeach()
+    endif()
+  else()
+    set(options ${gcc_${set}} -Wa,-muse-unaligned-vector-move)
+    if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+      list(APPEND options -mstackrealign)
+    endif()
   endif()
   set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "${options}")
 endfunction()
