@@ -16,7 +16,6 @@
 #include <io.h>
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -172,10 +171,17 @@ class Output {
   }
   void Put(const std::string& text) { Put(text.data(), text.size()); }
   void Put(char ch) { text_ += ch; }
+  // Digits from the right. (std::to_chars would do, but libc++ keeps its integer form in its
+  // compiled library, which the MSVC-ABI cross build uses headers-only.)
   void PutNumber(std::uint64_t value) {
     char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof(digits), value).ptr;
-    Put(digits, static_cast<std::size_t>(end - digits));
+    char* const end = digits + sizeof(digits);
+    char* start = end;
+    do {
+      *--start = static_cast<char>('0' + value % 10);
+      value /= 10;
+    } while (value != 0);
+    Put(start, static_cast<std::size_t>(end - start));
   }
   void Flush() {
     if (!text_.empty()) std::fwrite(text_.data(), 1, text_.size(), stdout);
