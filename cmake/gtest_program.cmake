@@ -5,8 +5,8 @@
 # test's slashes written as ~), a line that begins
 # "[       OK ]", "[  SKIPPED ]" or "[  FAILED  ]", followed by the failures' texts. Each test's
 # entry shows its file and fails on "[  FAILED  ]", or when the file is missing because the run
-# never reached that test; the program's entry fails when Wine's heap checks report (the wrapper's
-# status 70), with their lines. The tests' entries are listed when CTest starts (included with
+# never reached that test, or Wine's heap checks reported while it ran (the wrapper's status 70
+# and its report). The tests' entries are listed when CTest starts (included with
 # MODE=list): from the program's own list, asked for again only when something has changed.
 #
 #   PROGRAM   the test program
@@ -109,7 +109,21 @@ if(MODE STREQUAL "run")
     message(FATAL_ERROR "${error}")
   endif()
   tern_gtest_for_each(report tern_gtest_write_outcome)
-  if(error)
+  # Each of Wine's heap lines fails the test that was running when it came, which the wrapper
+  # names as the program's line before it; one that came outside a test fails the program.
+  set(placed "\n  ([^\n]+)\n    after: \\[ RUN      \\] ([^\n]+)")
+  string(REGEX MATCHALL "${placed}" lines "${error}")
+  foreach(line IN LISTS lines)
+    string(REGEX MATCH "${placed}" line "${line}")
+    set(test "${CMAKE_MATCH_2}")
+    set(text "[  FAILED  ] ${test}\nWine's heap checks: ${CMAKE_MATCH_1}\n")
+    string(REPLACE "/" "~" file "${test}")
+    file(READ "${RESULTS}/${file}" outcome)
+    string(REGEX REPLACE "^\\[       OK \\][^\n]*\n" "" outcome "${outcome}")
+    file(WRITE "${RESULTS}/${file}" "${text}${outcome}")
+  endforeach()
+  string(REGEX REPLACE "${placed}" "" unplaced "${error}")
+  if(unplaced MATCHES "\n  [0-9a-f]+:")
     message(FATAL_ERROR "${error}")
   endif()
 elseif(MODE STREQUAL "list")
