@@ -91,10 +91,7 @@ bool ReadFolders(KVT::CXMLTag* root, Config* config, std::string* error) {
     folder.root.assign(full, length);
     // "C:\" keeps its separator; any other root loses a trailing one.
     if (folder.root.size() > 3 && folder.root.back() == L'\\') folder.root.pop_back();
-    KVT::ScopedHandle handle(::CreateFileW(folder.root.c_str(), FILE_READ_ATTRIBUTES,
-                                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                           nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS,
-                                           nullptr));
+    const KVT::ScopedHandle handle(OpenToAsk(folder.root));
     if (!handle.IsValid() || !FinalPath(handle.Get(), &folder.final_root)) {
       *error = "the folder \"" + folder.name + "\" can't be opened: " + WideToUtf8(path);
       return false;

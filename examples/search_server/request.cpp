@@ -90,6 +90,12 @@ bool FinalPath(HANDLE handle, std::wstring* path) {
   return false;
 }
 
+HANDLE OpenToAsk(const std::wstring& path) {
+  return ::CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+}
+
 bool Utf8ToWide(const std::string& text, std::wstring* wide) {
   wide->clear();
   if (text.empty()) return true;
@@ -260,10 +266,7 @@ Searcher::Outcome Searcher::SearchFolder(const std::wstring& folder, const std::
   {
     // A folder outside is not walked at all. Should it be swapped for another after this check,
     // every file and folder below is still checked as it is opened.
-    KVT::ScopedHandle handle(::CreateFileW(folder.c_str(), FILE_READ_ATTRIBUTES,
-                                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                           nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS,
-                                           nullptr));
+    const KVT::ScopedHandle handle(OpenToAsk(folder));
     if (!handle.IsValid()) return Outcome::kSearched;  // Unreadable: nothing to show.
     if (!IsInside(handle.Get(), walk.final_root)) return Outcome::kOutside;
   }

@@ -53,6 +53,10 @@ std::string WideToUtf8(const std::wstring& text);
 // symbolic links to files and folders too). False, `path` empty, if the system can't tell.
 bool FinalPath(HANDLE handle, std::wstring* path);
 
+// Opens a folder (or a file) only to ask about it, as FinalPath does: no right to its contents
+// needed, nobody kept out. INVALID_HANDLE_VALUE if it can't be opened.
+HANDLE OpenToAsk(const std::wstring& path);
+
 // Reads the configuration file (UTF-8, with or without a byte-order mark). False with a message
 // in `error` for a file that can't be read, isn't XML, or holds a value out of range, an unknown
 // element, a folder name used twice or a folder that doesn't exist or can't be opened.
