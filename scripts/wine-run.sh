@@ -3,13 +3,13 @@
 # $WINEPREFIX when set, else in build/wineprefix of this checkout.
 #
 # Wine's heap checks are on unless TERN_HEAP_CHECK=0 (the benchmarks turn them off): every heap
-# call validates the block it is handed, and a free of a pointer that no allocation returned, or
-# of a block that was written past its end, prints a "warn:heap" or "err:heap" line. Such lines
-# are taken out of the program's error output, so that output a test compares stays the
-# program's own, and reported instead: on standard error, appended to the file $TERN_HEAP_LOG
-# when that is set (./tern test and ./tern fuzz fail when it is not empty), and in the exit
-# status, 70 in place of the program's. Every Windows program of the tests starts through here,
-# and whatever it starts in turn inherits the checks.
+# call validates the block it is handed, and a free of a pointer that no allocation returned, or of
+# a block freed before, prints a "warn:heap" or "err:heap" line. Such lines are taken out of the
+# program's error output, so that output a test compares stays the program's own, and reported
+# instead: on standard error, appended to the file $TERN_HEAP_LOG when that is set (./tern test and
+# ./tern fuzz fail when it is not empty), and in the exit status, 70 in place of the program's.
+# Every Windows program of the tests starts through here, and whatever it starts in turn inherits
+# the checks.
 set -euo pipefail
 export WINEPREFIX="${WINEPREFIX:-$(cd "$(dirname "$0")/.." && pwd)/build/wineprefix}"
 heap_check=1
@@ -62,7 +62,9 @@ report=""
 trap 'rm -f "$out" "$err" "$report"' EXIT
 exec 3>&1 4>&2
 if held 1; then out=$(mktemp); exec 3>"$out"; fi
+merged=0
 if [ $heap_check = 1 ] && [ -n "$out" ] && [ /dev/fd/1 -ef /dev/fd/2 ]; then
+  merged=1
   exec 4>&3
 elif [ $heap_check = 1 ] || held 2; then
   err=$(mktemp); exec 4>"$err"
@@ -71,9 +73,9 @@ status=0
 "$wine" "$@" 1>&3 2>&4 3>&- 4>&- || status=$?
 exec 3>&- 4>&-
 
-# Passes a held output on; with the heap checks on, without Wine's heap lines, which go to
-# $report, each with the program's last line before it. A Wine line ends any line the program
-# had begun on the same output, whose start stays in place.
+# Passes a held error output on without Wine's heap lines, which go to $report, each with the
+# program's last line before it. A Wine line ends any line the program had begun on the same
+# output, whose start stays in place.
 heap_line='[0-9a-f]+:(err|warn):heap:'
 pass_on() {
   if [ $heap_check = 0 ] || ! grep -Eq "$heap_line" "$1"; then cat "$1"; return; fi
@@ -86,7 +88,7 @@ pass_on() {
     }
     { print; last = $0 }' "$1"
 }
-[ -z "$out" ] || pass_on "$out"
+if [ $merged = 1 ]; then pass_on "$out"; elif [ -n "$out" ]; then cat "$out"; fi
 [ -z "$err" ] || pass_on "$err" >&2
 if [ -n "$report" ]; then
   {
