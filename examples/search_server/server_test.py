@@ -177,9 +177,10 @@ def make_links(top):
     outside, links = os.path.join(top, "outside"), os.path.join(top, "links")
     os.makedirs(outside)
     os.makedirs(os.path.join(links, "sub"))
-    for path, text in ((outside, b"SECRET line outside\n"), (links, b"a line inside\n")):
-        with open(os.path.join(path, "secret.txt" if path == outside else "inside.txt"), "wb") as f:
-            f.write(text)
+    with open(os.path.join(outside, "secret.txt"), "wb") as f:
+        f.write(b"SECRET line outside\n")
+    with open(os.path.join(links, "inside.txt"), "wb") as f:
+        f.write(b"a line inside\n")
     for name, target in LINKS:
         os.symlink(target.replace("$OUT", outside), os.path.join(links, name))
     return links
