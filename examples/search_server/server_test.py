@@ -161,11 +161,13 @@ def run_hostile(address, failures):
             failures.append("a request of %d bytes was not answered" % MAX_REQUEST)
 
 
-# Links made at run time in a folder "links" beside a folder "outside": to the outside file and
-# folder, absolute and relative, chains of two, and one to a file inside. Each path with the rows
-# of "line" in it, or None where the answer is "path refused"; no outside byte may come back.
-LINKS = [("file_abs", "$OUT/secret.txt"), ("chain", "file_abs"), ("dir_abs", "$OUT"),
-         ("sub/file_rel", "../../outside/secret.txt"), ("sub/dir_rel", "../../outside"),
+# Links made at run time in a folder "links", to files and folders outside it: absolute and
+# relative, chains of two, into a folder "Links" beside it (inside only if names were compared
+# without regard to case) and to a file "links.txt" (whose path begins with the folder's), and one
+# link to a file inside. Each path with the rows of "line" in it, or None where the answer is
+# "path refused"; no outside byte may come back.
+LINKS = [("file_abs", "$TOP/Links/secret.txt"), ("chain", "file_abs"), ("dir_abs", "$TOP/Links"),
+         ("sub/file_rel", "../../links.txt"), ("sub/dir_rel", "../../Links"),
          ("sub/dir_chain", "../dir_abs"), ("sub/same", "../inside.txt")]
 INSIDE = [b"links/inside.txt:1:a line inside", b"links/sub/same:1:a line inside"]
 LINK_CASES = [("links/" + name, None) for name, _ in LINKS[:-1]] + [
@@ -174,15 +176,16 @@ LINK_CASES = [("links/" + name, None) for name, _ in LINKS[:-1]] + [
 
 
 def make_links(top):
-    outside, links = os.path.join(top, "outside"), os.path.join(top, "links")
-    os.makedirs(outside)
+    links = os.path.join(top, "links")
+    os.makedirs(os.path.join(top, "Links"))
     os.makedirs(os.path.join(links, "sub"))
-    with open(os.path.join(outside, "secret.txt"), "wb") as f:
-        f.write(b"SECRET line outside\n")
-    with open(os.path.join(links, "inside.txt"), "wb") as f:
-        f.write(b"a line inside\n")
+    for name, text in (("Links/secret.txt", b"SECRET line outside\n"),
+                       ("links.txt", b"SECRET line beside\n"),
+                       ("links/inside.txt", b"a line inside\n")):
+        with open(os.path.join(top, name), "wb") as f:
+            f.write(text)
     for name, target in LINKS:
-        os.symlink(target.replace("$OUT", outside), os.path.join(links, name))
+        os.symlink(target.replace("$TOP", top), os.path.join(links, name))
     return links
 
 
