@@ -26,6 +26,7 @@ void Check(bool ok, const char* what, int line) {
   } else {
     ++g_failed;
     std::printf("FAILED in %s, line %d: %s\n", g_case, line, what);
+    std::fflush(stdout);  // Seen even if a later fault ends the process.
   }
 }
 #define CHECK(condition) Check((condition), #condition, __LINE__)
@@ -103,15 +104,15 @@ void BufferAndSearch() {
   CHECK(query.tableSize == 'x' + 1 && query.shiftTable[Query::ToBase('x')] == 1 &&
         query.shiftTable[Query::ToBase('F')] == 2 && query.shiftTable[Query::ToBase('a')] == 3);
   const char text[] = "The quick brown fox\njumps over\nA FOX!";
+  const int length = static_cast<int>(sizeof(text) - 1);
   {
     KVT::CSearchQuery<char> shared(query);
     CHECK(shared.term == query.term && shared.shiftTable == query.shiftTable);
     auto* buffer = new KVT::CBuffer<char>;
     *buffer = text;
-    CHECK(buffer->length == 37 && buffer->capacity >= 36 && buffer->data != nullptr &&
+    CHECK(buffer->length == length && buffer->capacity >= length && buffer->data != nullptr &&
           std::strcmp(buffer->data, text) == 0 && buffer->results == nullptr);
-    CHECK(buffer->Search(buffer->GetBuffer(), buffer->length, 1, shared, nullptr, nullptr, '\n') ==
-          2);
+    CHECK(buffer->Search(buffer->GetBuffer(), length, 1, shared, nullptr, nullptr, '\n') == 2);
     KVT::CBuffer<char> copy(*buffer);
     delete buffer;  // The copy keeps the block and the results.
     int line = 0;
