@@ -34,6 +34,32 @@ void Check(bool ok, const char* what, int line) {
 constexpr DWORD kPatienceMs = 5000;  // No wait here comes near it when things work.
 constexpr unsigned kSentinel = 0x5E7712E1u;
 
+// The start-up of the C++ runtime that the DLL links as this program does: a static with a dynamic
+// initializer (run from the .CRT$XC table) and a function-local one (thread-safe, by a per-thread
+// epoch in TLS), read on two threads. The DLL's own such statics (its processor feature table)
+// start from zero when these fail, and then work, only slower: no result of the DLL shows it.
+// (Initialized by a call that no compiler can fold to a constant.)
+int g_initialized = ::GetCurrentProcessId() != 0 ? 42 : 41;
+
+int LocalStatic() {
+  static const int value = ::GetCurrentProcessId() != 0 ? 7 : 6;
+  return value;
+}
+
+DWORD WINAPI ReadLocalStatic(void* result) {
+  *static_cast<int*>(result) = LocalStatic();
+  return 0;
+}
+
+void RuntimeStartUp() {
+  CHECK(g_initialized == 42);
+  int on_thread = 0;
+  HANDLE thread = ::CreateThread(nullptr, 0, ReadLocalStatic, &on_thread, 0, nullptr);
+  CHECK(thread != nullptr && ::WaitForSingleObject(thread, kPatienceMs) == WAIT_OBJECT_0);
+  if (thread != nullptr) ::CloseHandle(thread);
+  CHECK(on_thread == 7 && LocalStatic() == 7);
+}
+
 // Temporary strings: the narrow and the wide ring hand out an emptied text and give the same slot
 // back after 256 takes (the ring of the DLL, set up by its entry hook).
 void TemporaryStrings() {
@@ -406,7 +432,8 @@ struct Case {
 
 int main() {
   const Case cases[] = {
-      {"TemporaryStrings", TemporaryStrings}, {"Base64", Base64},
+      {"RuntimeStartUp", RuntimeStartUp},     {"TemporaryStrings", TemporaryStrings},
+      {"Base64", Base64},
       {"Strings", Strings},                   {"BufferAndSearch", BufferAndSearch},
       {"Synchronisation", Synchronisation},   {"SocketRoad", SocketRoad},
       {"Xml", Xml},
