@@ -26,6 +26,7 @@
 
 #include "buffer/buffer.h"
 #include "buffer/search_query.h"
+#include "foundation/compiler.h"
 #include "foundation/scoped_handle.h"
 #include "foundation/win.h"
 
@@ -198,7 +199,7 @@ class Output {
 // that no lane overflows. The i686 build too assumes a processor with SSE2 here, though its
 // baseline lacks it (the library's scan checks; this tool does not yet).
 template <typename T>
-__attribute__((target("sse2"))) std::uint64_t CountLineFeeds(const T* text, std::size_t count) {
+TERN_TARGET_SSE2 std::uint64_t CountLineFeeds(const T* text, std::size_t count) {
   constexpr std::size_t kLanes = 16 / sizeof(T);
   const __m128i feed = sizeof(T) == 1 ? _mm_set1_epi8('\n') : _mm_set1_epi16('\n');
   std::uint64_t total = 0;
