@@ -9,8 +9,7 @@
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved);
 
-extern "C" BOOL WINAPI _DllMainCRTStartup(HINSTANCE instance, DWORD reason,
-                                                                  LPVOID reserved) {
+extern "C" BOOL WINAPI _DllMainCRTStartup(HINSTANCE instance, DWORD reason, LPVOID reserved) {
   if (reason == DLL_PROCESS_ATTACH) {
     if (!tern_crt::InitializeModule()) return FALSE;
     if (!DllMain(instance, reason, reserved)) {

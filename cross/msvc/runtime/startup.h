@@ -1,5 +1,5 @@
-// What the pieces of the runtime stand-in share: the start-up of a module's C and C++ state and
-// the ends of the initializer tables that the compiler fills.
+// What the pieces of the runtime stand-in share: the set-up and the end of a module's C and C++
+// state, which the entry points call, and the functions of ucrtbase.dll they use.
 #pragma once
 
 #include <corecrt_startup.h>
