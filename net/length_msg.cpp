@@ -10,6 +10,11 @@ int LimitLength(int maxLength) {
                                                                  : maxLength;
 }
 
+unsigned int ReadHeader(const void* header) {
+  const auto* bytes = static_cast<const unsigned char*>(header);
+  return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<unsigned int>(bytes[3]) << 24;
+}
+
 }  // namespace
 
 // Defined, so that a use that takes their address (a const reference) finds them in the DLL.
@@ -42,9 +47,7 @@ void CLengthMsg::WriteHeader(void* header, unsigned int length) {
 
 int CLengthMsg::ParseHeader(int* msgLength, int* headerSize, int* trailerSize) {
   if (recvSize < HeaderSize) return 0;
-  const auto* bytes = reinterpret_cast<const unsigned char*>(packet);
-  const unsigned int length = bytes[0] | bytes[1] << 8 | bytes[2] << 16 |
-                              static_cast<unsigned int>(bytes[3]) << 24;
+  const unsigned int length = ReadHeader(packet);
   // At least any chunk's size: the message takes every byte and never completes.
   if (length > static_cast<unsigned int>(maxLength)) return 0x7FFFFFFF;
   *msgLength = static_cast<int>(length);
@@ -68,7 +71,14 @@ CLengthMsgReceiver::~CLengthMsgReceiver() {
 
 bool CLengthMsgReceiver::OnReceive(CClientSocket* socket, void* data, int length) {
   if (IsRefused()) return false;
-  AddMessage(data, length);
+  // AddMessage copies the rest of a chunk into each message that starts in it; fed one frame at
+  // a time, each message copies its own frame only.
+  for (auto* bytes = static_cast<char*>(data); bytes != nullptr && length > 0 && !IsRefused();) {
+    const int piece = NextPiece(bytes, length);
+    AddMessage(bytes, piece);
+    bytes += piece;
+    length -= piece;
+  }
   while (CSocketMsg* message = Pop()) {
     if (!OnMessage(socket, message->GetPacket() + CLengthMsg::HeaderSize,
                    message->GetMsgLength())) {
@@ -78,6 +88,23 @@ bool CLengthMsgReceiver::OnReceive(CClientSocket* socket, void* data, int length
   if (!IsRefused()) return true;
   OnRefused(socket);
   return false;
+}
+
+// The frame under assembly ends after the header if that is refused, else after the length
+// that it declares; a header that isn't complete yet ends where it will be.
+int CLengthMsgReceiver::NextPiece(const char* bytes, int length) {
+  const int received = current != nullptr ? current->GetRecvSize() : 0;
+  int piece;
+  if (received == 0 && length >= CLengthMsg::HeaderSize) {
+    const unsigned int declared = ReadHeader(bytes);
+    piece = CLengthMsg::HeaderSize +
+            (declared <= static_cast<unsigned int>(maxLength) ? static_cast<int>(declared) : 0);
+  } else if (received < CLengthMsg::HeaderSize) {
+    piece = CLengthMsg::HeaderSize - received;
+  } else {
+    piece = current->GetPacketSize() - received;
+  }
+  return piece < length ? piece : length;
 }
 
 // Every message is one that CreateMessage made, so a CLengthMsg.

@@ -14,10 +14,9 @@
 // - There is no trailer, checksum or way back into step: a header that declares more than
 //   `maxLength` is refused, and with it the rest of the stream (see CLengthMsgReceiver).
 // - Memory per connection: one message object for each frame that a chunk completes, plus the
-//   one under assembly, made once and reused; each keeps a block as large as the largest packet
-//   it held together with the rest of the chunk it came in (the message layer copies a chunk's
-//   further bytes behind each packet that starts in it). A refused header costs the chunk that
-//   brought it.
+//   one under assembly, made once and reused; each keeps a block of up to about twice the
+//   largest frame it held (the message layer grows a block by what it is given). A refused
+//   header costs its 4 bytes.
 
 #include "foundation/export.h"
 #include "net/client_socket.h"
@@ -99,10 +98,11 @@ class TERN_API CLengthMsgReceiver : public CSocketMsgReceiver, public ISOReceive
 
   // Takes one chunk of the stream, on the receive thread (or from an application that feeds
   // chunks itself; `socket` may then be null, and only OnMessage and OnRefused see it): frames
-  // it with AddMessage, pops each finished frame and hands it to OnMessage. False ends the
-  // receive loop: when OnMessage gave false (the frames behind it stay queued for the next
-  // call), when the chunk brought a refused header (after OnRefused), and for every chunk after
-  // a refusal, which it doesn't look at. Null data or a length below 1 hands on nothing.
+  // it with AddMessage, a frame at a time (so that no message copies the frames behind its
+  // own), pops each finished frame and hands it to OnMessage. False ends the receive loop: when
+  // OnMessage gave false (the frames behind it stay queued for the next call), when the chunk
+  // brought a refused header (after OnRefused), and for every chunk after a refusal, which it
+  // doesn't look at. Null data or a length below 1 hands on nothing.
   bool OnReceive(CClientSocket* socket, void* data, int length) override;
 
   // Whether the stream has brought a refused header.
@@ -126,7 +126,10 @@ class TERN_API CLengthMsgReceiver : public CSocketMsgReceiver, public ISOReceive
   CSocketMsg* CreateMessage() final;
 
  private:
-  int maxLength;    // Longest message accepted.
+  // Bytes of `length` at `bytes` that belong to the frame under assembly (or the next).
+  int NextPiece(const char* bytes, int length);
+
+  int maxLength;     // Longest message accepted.
   CLengthMsg* made;  // The messages made, newest first, linked by nextOwned.
 };
 

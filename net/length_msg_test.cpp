@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,13 @@ class Frames : public KVT::CLengthMsgReceiver {
   bool IsStopping() override { return false; }
   bool Feed(const std::string& chunk) {
     return OnReceive(nullptr, const_cast<char*>(chunk.data()), static_cast<int>(chunk.size()));
+  }
+  // The plain way: the whole chunk to AddMessage, then every frame popped.
+  void FeedWhole(std::string chunk) {
+    AddMessage(&chunk[0], static_cast<int>(chunk.size()));
+    while (KVT::CSocketMsg* frame = Pop()) {
+      seen.emplace_back(frame->GetPacket() + 4, static_cast<size_t>(frame->GetMsgLength()));
+    }
   }
   KVT::CSocketMsg* Current() { return current; }
 
@@ -90,23 +98,45 @@ TEST(CLengthMsg, HeaderBothWaysAndTheMaximum) {
 }
 
 TEST(CLengthMsgReceiver, HandsOnEveryFrameInStreamOrder) {
-  const std::string charlie = Frame("charlie");
   Frames frames;
-  EXPECT_TRUE(frames.Feed(Frame("alpha") + Frame("") + Frame(std::string(64, 'm')) + Frame("") +
-                          charlie.substr(0, 2)));
-  EXPECT_EQ(frames.seen,
-            (std::vector<std::string>{"alpha", "", std::string(64, 'm'), ""}));
-  for (char byte : charlie.substr(2)) EXPECT_TRUE(frames.Feed(std::string(1, byte)));
-  EXPECT_EQ(frames.seen.back(), "charlie");
+  EXPECT_TRUE(frames.Feed(Frame("alpha") + Frame("") + Frame("bravo").substr(0, 2)));
+  EXPECT_TRUE(frames.Feed(Frame("bravo").substr(2)));
   EXPECT_TRUE(frames.Feed(std::string()));  // Nothing to frame, nothing handed on.
-  EXPECT_EQ(frames.seen.size(), 5u);
   // OnMessage's false ends the loop; the frames behind it wait for the next chunk.
-  frames.stop_at = 6;
+  frames.stop_at = 4;
   EXPECT_FALSE(frames.Feed(Frame("d") + Frame("e")));
-  EXPECT_EQ(frames.seen.size(), 6u);
+  EXPECT_EQ(frames.seen.size(), 4u);
   EXPECT_TRUE(frames.Feed(Frame("f")));
-  EXPECT_EQ(frames.seen, (std::vector<std::string>{"alpha", "", std::string(64, 'm'), "",
-                                                   "charlie", "d", "e", "f"}));
+  EXPECT_EQ(frames.seen, (std::vector<std::string>{"alpha", "", "bravo", "d", "e", "f"}));
+}
+
+// OnReceive cuts each chunk at the frames' ends before AddMessage; fed whole chunks, AddMessage
+// gives the same frames, and both give the frames that went in, over random streams: frames of
+// every length up to the maximum, chunks of one byte to a few hundred, a hostile header behind.
+TEST(CLengthMsgReceiver, FramesAsTheWholeChunksGiveThem) {
+  std::mt19937 rng(21);
+  for (int round = 0; round < 400; ++round) {
+    SCOPED_TRACE(round);
+    std::vector<std::string> sent;
+    std::string stream;
+    for (int i = rng() % 30; i > 0; --i) {
+      sent.emplace_back(rng() % 3 != 0 ? rng() % 10 : rng() % 65, static_cast<char>(rng()));
+      stream += Frame(sent.back());
+    }
+    const bool hostile = rng() % 3 == 0;
+    if (hostile) stream += Header(65 + rng() % 100000) + Frame("after");
+    Frames cut, whole;
+    for (size_t at = 0, size; at < stream.size(); at += size) {
+      size = 1 + rng() % (rng() % 2 != 0 ? 5 : 300);
+      const bool more = cut.Feed(stream.substr(at, size));
+      EXPECT_EQ(more, !cut.IsRefused());
+      whole.FeedWhole(stream.substr(at, size));
+    }
+    ASSERT_EQ(cut.seen, sent);
+    ASSERT_EQ(whole.seen, sent);
+    EXPECT_EQ(cut.IsRefused(), hostile);
+    EXPECT_EQ(whole.IsRefused(), hostile);
+  }
 }
 
 // The frames before the refused header are handed on, OnRefused comes once, and nothing after
@@ -126,11 +156,11 @@ TEST(CLengthMsgReceiver, ARefusedHeaderEndsTheStreamAfterTheFramesBeforeIt) {
       EXPECT_EQ(frames.refusals, 1);
       EXPECT_TRUE(frames.IsRefused());
       ASSERT_NE(frames.Current(), nullptr);
-      EXPECT_EQ(frames.Current()->GetRecvSize(), 8);
+      EXPECT_EQ(frames.Current()->GetRecvSize(), 4);  // The header; nothing behind it.
       EXPECT_FALSE(frames.Feed(Frame("after")));
       EXPECT_EQ(frames.seen.size(), 1u);
       EXPECT_EQ(frames.refusals, 1);
-      EXPECT_EQ(frames.Current()->GetRecvSize(), 8);
+      EXPECT_EQ(frames.Current()->GetRecvSize(), 4);  // The header; nothing behind it.
     }
   }
 }
@@ -141,7 +171,8 @@ TEST(CLengthMsgReceiver, ARefusedHeaderEndsTheStreamAfterTheFramesBeforeIt) {
 // as the client sent it. A refused header is answered with the frame "refused" before the
 // receiver shuts the connection. Stopped, shut down and awaited before it goes.
 struct Connection : KVT::CLengthMsgReceiver {
-  explicit Connection(unsigned int accepted) : CLengthMsgReceiver(1 << 16), socket(this, accepted, 0) {}
+  explicit Connection(unsigned int accepted)
+      : CLengthMsgReceiver(1 << 16), socket(this, accepted, 0) {}
   ~Connection() {
     stop = true;
     socket.Shutdown();
