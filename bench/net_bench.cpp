@@ -3,9 +3,9 @@
 // Message layer: a stream of frames (4-byte length, then the message) cut into 8912-byte chunks,
 // fed to a CLengthMsgReceiver as its socket would (AddMessage, then Pop and OnMessage for every
 // frame), against a loop that only copies the same chunks. Goal: at least 10 million 64-byte
-// messages a second. AddMessage copies the whole rest of a chunk into every message that starts
-// in it (that is the contract: a message keeps the bytes behind its packet), so with small frames
-// the copied bytes grow with the number of frames per chunk.
+// messages a second. AddMessage itself copies the whole rest of a chunk into every message that
+// starts in it (a message keeps the bytes behind its packet), so the receiver gives it one frame
+// at a time; otherwise the bytes copied for small frames grow with the frames per chunk.
 //
 // Receive: loopback throughput of a CClientSocket's receive thread against a plain recv loop on
 // a thread, both with an 8912-byte buffer. Goal: a ratio of at least 0.9.
