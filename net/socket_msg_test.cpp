@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
 #include <memory>
 #include <string>
@@ -52,11 +51,6 @@ struct Queue : KVT::CLengthMsgReceiver {
   using CSocketMsgReceiver::UnlockQueue;
   bool Feed(const std::string& chunk) {
     return AddMessage(const_cast<char*>(chunk.data()), static_cast<int>(chunk.size()));
-  }
-  std::vector<std::string> PopAll() {
-    std::vector<std::string> texts;
-    while (KVT::CSocketMsg* message = Pop()) texts.push_back(Text(message));
-    return texts;
   }
 };
 
@@ -243,30 +237,6 @@ TEST(CSocketMsgReceiver, PoppedMessagesAreReusedOldestFirstWithTheirBlocks) {
     ASSERT_EQ(queue.Pop(), &b);
   }
   EXPECT_EQ(a.GetPacket(), block);
-}
-
-// Two chunks, split at every byte: a packet whole, split anywhere in its header or body, and
-// several in one chunk with a piece of the next. AddMessage is true when a packet completes in
-// the chunk, and a message is under assembly exactly when the split is inside a packet.
-TEST(CSocketMsgReceiver, EverySplitOfAStreamGivesTheSameFrames) {
-  const std::vector<std::string> frames = {"alpha", "bravo!!", "", "", "c"};
-  std::string stream;
-  std::vector<size_t> ends;
-  for (const std::string& frame : frames) {
-    stream += Frame(frame);
-    ends.push_back(stream.size());
-  }
-  for (size_t split = 0; split <= stream.size(); ++split) {
-    SCOPED_TRACE(split);
-    Queue queue;
-    EXPECT_EQ(queue.Feed(stream.substr(0, split)), split >= ends[0]);
-    const bool inside = split > 0 && std::find(ends.begin(), ends.end(), split) == ends.end();
-    EXPECT_EQ(queue.current != nullptr, inside);
-    EXPECT_EQ(queue.Feed(stream.substr(split)), split < stream.size());
-    EXPECT_EQ(queue.current, nullptr);
-    EXPECT_EQ(queue.GetQueueSize(), 5);
-    ASSERT_EQ(queue.PopAll(), frames);
-  }
 }
 
 // A consumer on another thread holds LockQueue from before Pop until it has read the message, so
