@@ -318,7 +318,7 @@ TEST(CTWSync, EachTypeAllowsItsOwnOperations) {
   ::CloseHandle(plain);
 }
 
-TEST(CTWSync, WaitGivesTheLowestSignalledSelectedId) {
+TEST(CTWSync, WaitGivesTheLowestSignalledSelectedIdAndNeverWaitsOnAFreeOne) {
   CTWSync table;
   for (unsigned int id = 0; id < 16; ++id) ASSERT_NE(table.CreateEventW(0, id, nullptr, true), nullptr);
   std::mt19937 random(16);
@@ -340,14 +340,12 @@ TEST(CTWSync, WaitGivesTheLowestSignalledSelectedId) {
   EXPECT_EQ(table.Wait(0x88, kPatience), 7u);
   EXPECT_TRUE(signaller.Join());
   table.CloseAll();
-}
 
-TEST(CTWSync, FreeSelectedIdGivesBadSyncIdWithoutWaiting) {
-  CTWSync table;
+  // A free id among those selected gives BadSyncId at once: had Wait waited, it would have taken
+  // the auto-reset event's signal.
   HANDLE event = table.CreateEventW(0, 0, nullptr, false);
   ASSERT_TRUE(table.Signal(0));
   EXPECT_EQ(table.Wait(0x3, kPatience), kBad);
-  // Had Wait waited, it would have taken the auto-reset event's signal.
   EXPECT_EQ(::WaitForSingleObject(event, 0), WAIT_OBJECT_0);
   table.CloseAll();
 }
