@@ -203,8 +203,8 @@ TEST(CSocketMsgReceiver, ParseHeaderEndsMessagesEarly) {
   } pings;
   std::string stream("!!!\1\1xT!\1\0y", 11);  // Pings, "x" with a trailer, a ping, "y".
   EXPECT_TRUE(pings.AddMessage(&stream[0], 1));  // A ping alone.
-  EXPECT_TRUE(pings.AddMessage(&stream[1], 9));  // Ends inside "y"'s header.
-  EXPECT_TRUE(pings.AddMessage(&stream[10], 1));
+  EXPECT_TRUE(pings.AddMessage(&stream[1], 8));  // Ends inside "y"'s header.
+  EXPECT_TRUE(pings.AddMessage(&stream[9], 2));
   std::vector<std::string> kinds;
   while (KVT::CSocketMsg* message = pings.Pop()) {
     kinds.push_back(message->GetPacket()[0] == '!'
