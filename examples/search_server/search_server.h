@@ -6,7 +6,7 @@
 // request format; the pieces are:
 //   config.cpp   the XML configuration (CXml)
 //   request.cpp  parsing a request, resolving its path safely, and searching (CBuffer, CSearchQuery)
-//   server.cpp   connections (CServerSocket, CClientSocket, CSocketMsgReceiver) and the worker
+//   server.cpp   connections (CServerSocket, CClientSocket, CLengthMsgReceiver) and the worker
 //                pool (CTWSync, CLock)
 
 #include <atomic>
@@ -20,7 +20,7 @@
 namespace search_server {
 
 // Limits that keep one client from taking the server's memory or threads. Named in the README.
-constexpr std::uint32_t kMaxRequestBytes = 8192;      // A longer frame closes the connection.
+constexpr int kMaxRequestBytes = 8192;               // A longer frame closes the connection.
 constexpr int kMaxPendingRequests = 64;               // Per connection; more closes it.
 constexpr int kMaxConnections = 64;                   // Further clients get "server busy".
 constexpr long long kMaxFileBytes = 64ll << 20;       // Larger files are not searched.

@@ -304,6 +304,44 @@ class Peer : public KVT::ISOListener, public KVT::ISOReceiver {
   HANDLE arrived_;
 };
 
+// The length framing, fed chunks by this program as a receive loop would: a receiver subclass of
+// this program's own, frames cut across chunks, and a header above the maximum refused.
+class Lengths : public KVT::CLengthMsgReceiver {
+ public:
+  Lengths() : CLengthMsgReceiver(16) {}
+  bool IsStopping() override { return false; }
+  char frames[2][17] = {};
+  int count = 0;
+  int refused = 0;
+  unsigned sentinel = kSentinel;
+
+ protected:
+  bool OnMessage(KVT::CClientSocket*, char* message, int length) override {
+    if (count < 2 && length <= 16) std::memcpy(frames[count], message, length);
+    ++count;
+    return true;
+  }
+  void OnRefused(KVT::CClientSocket*) override { ++refused; }
+};
+
+void LengthFraming() {
+  char stream[32];
+  KVT::CLengthMsg::WriteHeader(stream, 3);
+  std::memcpy(stream + 4, "one", 3);
+  KVT::CLengthMsg::WriteHeader(stream + 7, 5);
+  std::memcpy(stream + 11, "three", 5);
+  KVT::CLengthMsg::WriteHeader(stream + 16, 17);  // One more than the maximum.
+  Lengths lengths;
+  CHECK(lengths.OnReceive(nullptr, stream, 5) && lengths.count == 0);
+  CHECK(lengths.OnReceive(nullptr, stream + 5, 11) && lengths.count == 2);
+  CHECK(std::strcmp(lengths.frames[0], "one") == 0 && std::strcmp(lengths.frames[1], "three") == 0);
+  CHECK(!lengths.OnReceive(nullptr, stream + 16, 4) && lengths.refused == 1 && lengths.IsRefused());
+  CHECK(lengths.GetMaxLength() == 16 && lengths.sentinel == kSentinel);
+  KVT::CLengthMsg message(-5);
+  KVT::CLengthMsg copy(message);
+  CHECK(message.GetMaxLength() == 0 && copy.GetMaxLength() == 0 && !copy.IsRefused());
+}
+
 void SocketRoad() {
   WSADATA wsa;
   CHECK(::WSAStartup(MAKEWORD(2, 2), &wsa) == 0);
@@ -435,8 +473,8 @@ int main() {
       {"RuntimeStartUp", RuntimeStartUp},     {"TemporaryStrings", TemporaryStrings},
       {"Base64", Base64},
       {"Strings", Strings},                   {"BufferAndSearch", BufferAndSearch},
-      {"Synchronisation", Synchronisation},   {"SocketRoad", SocketRoad},
-      {"Xml", Xml},
+      {"Synchronisation", Synchronisation},   {"LengthFraming", LengthFraming},
+      {"SocketRoad", SocketRoad},             {"Xml", Xml},
   };
   for (const Case& c : cases) {
     g_case = c.name;
