@@ -104,8 +104,11 @@ class TERN_API CSocketMsg {
 // false, and a copy comes out empty.
 class CMsgQueue {
  public:
+  // Empty, with no block.
   CMsgQueue() = default;
+  // The same entries in a block of its own; empty if memory runs out.
   CMsgQueue(const CMsgQueue& other) { CopyFrom(other); }
+  // Lets go of its block and takes a copy of `other`'s entries, as the copy constructor does.
   CMsgQueue& operator=(const CMsgQueue& other) {
     if (this != &other) {
       std::free(items);
@@ -115,10 +118,14 @@ class CMsgQueue {
     }
     return *this;
   }
+  // Frees the block; the messages stay.
   ~CMsgQueue() { std::free(items); }
 
+  // The entries.
   int Size() const { return count; }
+  // Whether there is no entry.
   bool IsEmpty() const { return count == 0; }
+  // Appends `message` as the newest entry; false, with the queue as it was, if memory runs out.
   bool PushBack(CSocketMsg* message) {
     if (count == capacity && !Grow()) return false;
     items[(head + count) % capacity] = message;
