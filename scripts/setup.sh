@@ -104,8 +104,8 @@ SRC
   /usr/lib/wine/wine --version >/dev/null 2>&1 || { echo "setup: 32-bit Wine still cannot start" >&2; exit 1; }
 fi
 
-# Microsoft's ABI (cross/msvc): clang-cl (clang-tools-14), lld-link, llvm-rc and llvm-lib
-# (llvm-14), libc++'s headers, and libwine-dev for Wine's MSVC-mode headers and x86_64 import
+# Microsoft's ABI (cross/msvc): clang-cl (clang-tools-14), lld-link, llvm-rc, llvm-lib, llvm-ar
+# and the tools that read the DLL's exports (llvm-14), libc++'s headers, and libwine-dev for Wine's MSVC-mode headers and x86_64 import
 # libraries, at the version of the installed Wine. The i386 import libraries come from
 # libwine-dev:i386, which cross/msvc/make-sysroot.sh downloads and unpacks into the build tree
 # itself: installing it may make apt remove the compilers. apt is asked first what it would do,
@@ -113,7 +113,9 @@ fi
 msvc=()
 have clang-cl-14 || msvc+=(clang-tools-14)
 have lld-link-14 || msvc+=(lld-14)
-have llvm-rc-14 && have llvm-lib-14 && have llvm-readobj-14 || msvc+=(llvm-14)
+for tool in llvm-rc-14 llvm-lib-14 llvm-ar-14 llvm-readobj-14 llvm-undname-14; do
+  have "$tool" || { msvc+=(llvm-14); break; }
+done
 [ -f /usr/lib/llvm-14/include/c++/v1/vector ] || msvc+=(libc++-14-dev)
 if ! installed libwine-dev; then
   msvc+=("libwine-dev=$(dpkg-query -W -f='${Version}' libwine:amd64)")
