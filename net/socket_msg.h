@@ -142,9 +142,9 @@ class CMsgQueue {
   }
 
   CSocketMsg** items = nullptr;  // `capacity` slots from malloc; null before the first push.
-  int capacity = 0;
-  int head = 0;   // The slot of the oldest entry.
-  int count = 0;  // Entries, from `head` on, wrapping around.
+  int capacity = 0;              // Slots in `items`.
+  int head = 0;                  // The slot of the oldest entry.
+  int count = 0;                 // Entries, from `head` on, wrapping around.
 
  private:
   // Moves the entries, oldest first, into a block of twice the slots (16 at first).
