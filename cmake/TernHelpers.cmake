@@ -160,7 +160,6 @@ endfunction()
 
 # GoogleTest built from Debian's sources with the cross compiler.
 macro(tern_setup_googletest)
-  set(TERN_GTEST_DIR "/usr/src/googletest" CACHE PATH "GoogleTest sources")
   set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
   set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
   set(gtest_disable_pthreads OFF CACHE BOOL "" FORCE)
