@@ -234,11 +234,11 @@ void* CBuffer<T>::Malloc(unsigned int size) {
 
 // The lines and the search keep their members in files of their own, included here so that this
 // file alone instantiates CBuffer for both widths (an explicit instantiation may stand only once
-// in a program); the declarations in the header export the members.
+// in a program). The export: see foundation/export.h.
 #include "buffer/buffer_lines.inc"
 #include "buffer/buffer_search.inc"
 
 namespace KVT {
-template class CBuffer<char>;
-template class CBuffer<wchar_t>;
+template class TERN_TEMPLATE_EXPORT CBuffer<char>;
+template class TERN_TEMPLATE_EXPORT CBuffer<wchar_t>;
 }  // namespace KVT

@@ -3,8 +3,9 @@
 
 // What differs between the compilers that build the library: GCC (MinGW) and Microsoft's ABI
 // (cl.exe, or clang-cl, which defines _MSC_VER and so takes the same branch). Internal to the
-// library: bit scans, byte swaps, inlining hints, loop unrolling and the processor's
-// identification. Nothing else in the library names a builtin, an attribute or a target pragma.
+// library and its tools: bit scans, byte swaps, inlining hints, a function's instruction set, loop
+// unrolling and the processor's identification. Nothing else names a builtin, an attribute or a
+// target pragma.
 //
 // The functions have internal linkage (static) on purpose. The files of the vector kernels are
 // compiled for instruction sets beyond the baseline and include this header; an ordinary inline
@@ -26,6 +27,15 @@
 #else
 #define TERN_NOINLINE __attribute__((noinline))
 #define TERN_ALWAYS_INLINE __attribute__((always_inline)) inline
+#endif
+
+// Lets one function use SSE2 intrinsics in a file compiled for the baseline, which on i686 has no
+// SSE2: GCC's and clang's target attribute (clang-cl too); cl.exe compiles any intrinsic anywhere.
+// The caller checks the processor first.
+#if defined(__GNUC__) || defined(__clang__)
+#define TERN_TARGET_SSE2 __attribute__((target("sse2")))
+#else
+#define TERN_TARGET_SSE2
 #endif
 
 // Unrolls the loop that follows completely where its count is a small constant: GCC's and

@@ -16,7 +16,6 @@
 #include <io.h>
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -27,6 +26,7 @@
 
 #include "buffer/buffer.h"
 #include "buffer/search_query.h"
+#include "foundation/compiler.h"
 #include "foundation/scoped_handle.h"
 #include "foundation/win.h"
 
@@ -172,10 +172,17 @@ class Output {
   }
   void Put(const std::string& text) { Put(text.data(), text.size()); }
   void Put(char ch) { text_ += ch; }
+  // Digits from the right. (std::to_chars would do, but libc++ keeps its integer form in its
+  // compiled library, which the MSVC-ABI cross build uses headers-only.)
   void PutNumber(std::uint64_t value) {
     char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof(digits), value).ptr;
-    Put(digits, static_cast<std::size_t>(end - digits));
+    char* const end = digits + sizeof(digits);
+    char* start = end;
+    do {
+      *--start = static_cast<char>('0' + value % 10);
+      value /= 10;
+    } while (value != 0);
+    Put(start, static_cast<std::size_t>(end - start));
   }
   void Flush() {
     if (!text_.empty()) std::fwrite(text_.data(), 1, text_.size(), stdout);
@@ -192,7 +199,7 @@ class Output {
 // that no lane overflows. The i686 build too assumes a processor with SSE2 here, though its
 // baseline lacks it (the library's scan checks; this tool does not yet).
 template <typename T>
-__attribute__((target("sse2"))) std::uint64_t CountLineFeeds(const T* text, std::size_t count) {
+TERN_TARGET_SSE2 std::uint64_t CountLineFeeds(const T* text, std::size_t count) {
   constexpr std::size_t kLanes = 16 / sizeof(T);
   const __m128i feed = sizeof(T) == 1 ? _mm_set1_epi8('\n') : _mm_set1_epi16('\n');
   std::uint64_t total = 0;
