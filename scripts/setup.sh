@@ -3,7 +3,8 @@
 # the MinGW-w64 -posix cross compilers, CMake, Ninja, the GoogleTest sources and Wine with its
 # 32- and 64-bit halves, and Python for the tests that drive the example servers.
 # `setup.sh bench [DIR]` also fetches Google Benchmark's source package into DIR/benchmark (by
-# default build/third_party/benchmark of the checkout); `setup.sh docs` installs Doxygen.
+# default build/third_party/benchmark of the checkout) and installs ripgrep, which
+# bench/grep_compare.sh times beside GNU grep; `setup.sh docs` installs Doxygen.
 set -euo pipefail
 
 want_bench=0
@@ -40,6 +41,7 @@ have ninja || pkgs+=(ninja-build)
 have dpkg-source || pkgs+=(dpkg-dev)
 have python3 || pkgs+=(python3)
 [ "$want_docs" = 1 ] && ! have doxygen && pkgs+=(doxygen)
+[ "$want_bench" = 1 ] && ! have rg && pkgs+=(ripgrep)
 if [ "${#pkgs[@]}" -gt 0 ]; then
   apt_update
   echo "setup: installing ${pkgs[*]}" >&2
