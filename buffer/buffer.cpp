@@ -232,12 +232,10 @@ void* CBuffer<T>::Malloc(unsigned int size) {
 
 }  // namespace KVT
 
-// The lines and the search keep their members in files of their own, included here so that this
-// file alone instantiates CBuffer for both widths (an explicit instantiation may stand only once
-// in a program); the declarations in the header export the members.
-#include "buffer/buffer_lines.inc"
-#include "buffer/buffer_search.inc"
-
+// The lines and the search keep their members in files of their own (buffer_lines.cpp,
+// buffer_search.cpp), which instantiate those members themselves: an explicit instantiation of
+// the class instantiates only the members defined where it stands. The declarations in the header
+// export them all.
 namespace KVT {
 template class CBuffer<char>;
 template class CBuffer<wchar_t>;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "buffer/search_query.h"
+#include "buffer/search_needle_internal.h"
 #include "buffer/search_scan_internal.h"
 #include "buffer/search_test_util.h"
 #include "foundation/scoped_handle.h"
@@ -22,9 +23,12 @@ namespace {
 using KVT::CBuffer;
 using KVT::CSearchQuery;
 using KVT::ScopedHandle;
+using KVT::search_internal::KernelSet;
+using KVT::search_internal::Needle;
 using KVT::search_internal::ScanTuning;
 using search_test::Result;
 using search_test::Results;
+using search_test::Scan;
 using LineList = std::vector<std::pair<int, int>>;
 
 template <typename T>
@@ -58,24 +62,14 @@ unsigned long SearchAll(CBuffer<T>& buffer, unsigned long flags, CSearchQuery<T>
   return buffer.Search(buffer.GetBuffer(), buffer.length, flags, query, stop, stop_arg, delimiter);
 }
 
-// The scan's routes with set-up costs taken at any text length; with AVX2, with SSE2 only, or
-// with the baseline kernels.
-constexpr ScanTuning kEager{0, true};
-constexpr ScanTuning kEagerSse2{0, false};
-constexpr ScanTuning kEagerPlain{0, false, 16, false};
-constexpr ScanTuning kKernelSets[] = {kEager, kEagerSse2, kEagerPlain};
-const char* NameOf(const ScanTuning& tuning) {
-  return tuning.allow_avx2 ? "avx2 allowed" : tuning.allow_sse2 ? "sse2" : "plain";
-}
-
-template <typename T>
-Results Scan(const std::basic_string<T>& text, const CSearchQuery<T>& query, unsigned long flags,
-             T delimiter, const ScanTuning& tuning = {}) {
-  Results out;
-  auto sink = [&out](std::uint64_t result) { out.push_back(result); };
-  KVT::search_internal::ScanText(text.data(), static_cast<int>(text.size()), query, flags,
-                                 nullptr, nullptr, delimiter, sink, tuning);
-  return out;
+// The scan with the routes that have set-up costs taken at any text length, with `set`'s kernels
+// and (if not 0) stretches of `stretch` characters.
+ScanTuning Forced(const KernelSet& set, std::uint32_t stretch = 0) {
+  ScanTuning tuning;
+  tuning.chars_per_set_up_call = 0;
+  tuning.kernels = &set;
+  tuning.stretch = stretch;
+  return tuning;
 }
 
 bool NeverStop(void*) { return false; }
@@ -244,41 +238,10 @@ TEST(BufferSearchTest, UnsoundTableIsFollowedExactly) {
   caseless.shiftTable['a'] = 3;
   caseless.shiftTable['A'] = 3;
   const std::string mixed = "xXaBc";
+  const ScanTuning eager = Forced(KVT::search_internal::WidestKernels());
   EXPECT_EQ(Results{}, Scan(mixed, caseless, 1, '\n'));
-  EXPECT_EQ(Results{}, Scan(mixed, caseless, 1, '\n', kEager));
-  EXPECT_EQ((Results{Result(1, 0)}), Scan(mixed, Query("abc", true), 1, '\n', kEager));
-}
-
-// Line counts across long stretches: the lane counters are summed every 63 steps (narrow) and
-// 8191 steps (wide) of four vectors; text made of delimiters alone fills every lane. Long terms
-// have their shifts capped.
-TEST(BufferSearchTest, LongStretchesAndLongTerms) {
-  std::string narrow;
-  for (int i = 0; i < 5000; ++i) narrow += "ab\n";
-  narrow += "needle\nneedle";
-  const std::string narrow_full = std::string(100000, '\n') + "pin";
-  const std::wstring wide_full = std::wstring(600000, L'\n') + L"pin";
-  const std::string plain = std::string(70000, 'q') + "pin";
-  for (const auto& tuning : kKernelSets) {
-    SCOPED_TRACE(NameOf(tuning));
-    EXPECT_EQ((Results{Result(5001, 15000), Result(5002, 15007)}),
-              Scan(narrow, Query("needle"), 0, '\n', tuning));
-    EXPECT_EQ((Results{Result(100001, 100000)}), Scan(narrow_full, Query("pin"), 0, '\n', tuning));
-    EXPECT_EQ((Results{Result(600001, 600000)}), Scan(wide_full, Query(L"pin"), 0, L'\n', tuning));
-    EXPECT_EQ((Results{Result(1, 0)}), Scan(plain, Query("pin"), 0, '\0', tuning));
-    // More occurrences than the kernels hand over at once, each overlapping the next one.
-    std::string runs;
-    for (int i = 0; i < 40; ++i) runs += "aaAaaaa\n";
-    for (unsigned long flags : {0ul, 1ul}) {
-      EXPECT_EQ(search_test::NaiveSearch(runs, std::string("aa"), flags, '\n'),
-                Scan(runs, Query("aa", flags != 0), flags, '\n', tuning));
-    }
-  }
-  std::string term(70000, 'a');
-  term[0] = 'c';
-  term.back() = 'b';
-  const std::string text = std::string(100, 'a') + term + "x" + term;
-  EXPECT_EQ((Results{Result(1, 0), Result(1, 0)}), Scan(text, Query(term.c_str()), 0, '\n'));
+  EXPECT_EQ(Results{}, Scan(mixed, caseless, 1, '\n', eager));
+  EXPECT_EQ((Results{Result(1, 0)}), Scan(mixed, Query("abc", true), 1, '\n', eager));
 }
 
 // Tens of thousands of results, across many growth steps of the table and doublings of the
@@ -406,9 +369,8 @@ TEST(BufferSearchTest, CharacterTests) {
 // Search against the plain reference for random texts and terms: every flag combination, both
 // line delimiters (zero through the short form), with a stop callback that never stops (which
 // keeps to the scan's own alignments) and without one (which takes the fast routes). Each result
-// is read back through GetResult and GetResultLength. The scan's routes with set-up costs are
-// also taken at any text length, with AVX2 where the processor has it or with SSE2 alone, by
-// turns (the wide caseless set-up asks the C runtime hundreds of times, slowly under Wine).
+// is read back through GetResult and GetResultLength. (SearchKernelSets below runs the scan with
+// each kernel set.)
 template <typename T>
 void CompareWithReference(std::uint32_t seed, int texts) {
   std::mt19937 rng(seed);
@@ -449,9 +411,6 @@ void CompareWithReference(std::uint32_t seed, int texts) {
                              : SearchAll(buffer, flags, query, delimiter));
         check(SearchAll(buffer, flags, query, delimiter, &NeverStop));
         if (::testing::Test::HasFatalFailure()) return;
-        const ScanTuning& tuning = kKernelSets[(round + delimiter) % 3];
-        ASSERT_EQ(expected, Scan(text, query, flags, delimiter, tuning))
-            << NameOf(tuning);
       }
     }
   }
@@ -460,8 +419,8 @@ void CompareWithReference(std::uint32_t seed, int texts) {
 }
 
 TEST(BufferSearchTest, MatchesTheReference) {
-  CompareWithReference<char>(1, 700);
-  CompareWithReference<wchar_t>(2, 700);
+  CompareWithReference<char>(1, 400);
+  CompareWithReference<wchar_t>(2, 400);
 }
 
 // The same under a locale that folds beyond ASCII (0xE9 and 0xC9, U+0100 and U+0101).
@@ -498,23 +457,255 @@ TEST(BufferSearchTest, WideCaselessRouteGivesWayExactly) {
     const bool folded = text.find(L'\x100') != std::wstring::npos;
     for (unsigned long flags : {1ul, 3ul}) {
       const search_test::Results expected = search_test::NaiveSearch(text, term, flags, L'\n');
-      for (const auto& tuning : kKernelSets) {
+      for (const KernelSet* set : search_test::KernelSetsUnderTest()) {
+        std::string why;
+        if (!search_test::Runs(*set, &why)) continue;
         SCOPED_TRACE(testing::Message() << "text " << &text - texts << " flags " << flags
-                                        << " " << NameOf(tuning));
-        search_test::Results got;
-        auto sink = [&got](std::uint64_t result) { got.push_back(result); };
+                                        << " " << set->name);
+        search_test::Collect got;
         const auto n = static_cast<std::uint32_t>(text.size());
         EXPECT_EQ(expected.size(),
                   folded ? internal::ClassSetScan(text.data(), n, query, stale, flags & 2, L'\n',
-                                                  sink, internal::KernelsFor<wchar_t>(tuning))
+                                                  got, Forced(*set))
                          : internal::ScanText(text.data(), static_cast<int>(n), query, flags,
-                                              nullptr, nullptr, L'\n', sink,
-                                              tuning));
-        EXPECT_EQ(expected, got);
+                                              nullptr, nullptr, L'\n', got, Forced(*set)));
+        EXPECT_EQ(expected, got.all);
       }
     }
   }
   std::setlocale(LC_ALL, "C");
 }
+
+// Each kernel set in turn, the emulated 64-byte one among them; a set this processor can't run is
+// skipped, and the skip names it.
+class SearchKernelSets : public testing::TestWithParam<int> {
+ protected:
+  void SetUp() override {
+    std::string why;
+    if (!search_test::Runs(set(), &why)) GTEST_SKIP() << set().name << ": " << why;
+  }
+  static const KernelSet& set() { return *search_test::KernelSetsUnderTest()[GetParam()]; }
+};
+
+// The positions `find` must give: every position from `from` on where the filter and the forms
+// hold, on by m behind each, up to `to`, at most `capacity`.
+template <typename T>
+std::vector<std::uint32_t> NaiveFind(const Needle<T>& needle, std::uint32_t from,
+                                     std::uint32_t to, std::uint32_t capacity) {
+  std::vector<std::uint32_t> out;
+  for (std::uint32_t p = from; p <= to && out.size() < capacity;) {
+    const T* at = needle.text + p;
+    bool hit = true;
+    for (std::uint32_t i = 0; i < needle.places; ++i) {
+      const T ch = at[needle.place[i]];
+      hit = hit && (ch == needle.member[i][0] || ch == needle.member[i][1]);
+    }
+    for (std::uint32_t k = 0; k < needle.m; ++k) {
+      hit = hit && (at[k] == needle.first[k] || at[k] == needle.second[k]);
+    }
+    if (hit) out.push_back(p);
+    p += hit ? needle.m : 1;
+  }
+  return out;
+}
+
+// The kernels alone against references, on random texts placed 0 to 515 characters into their
+// memory: `find` with random needles (filter places and members, one or two forms) over random
+// ranges and capacities, `count_lines` over random stretches, `find_high` over wide text.
+template <typename T>
+void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
+  const KVT::search_internal::ScanKernels<T>& kernels = KVT::search_internal::KernelsOf<T>(set);
+  const std::basic_string<T> alphabet = search_test::AlphabetOf(T());
+  std::mt19937 rng(seed);
+  for (int c = 0; c < cases; ++c) {
+    SCOPED_TRACE(testing::Message() << "seed " << seed << " case " << c);
+    const std::basic_string<T> text = search_test::RandomText<T>(rng);
+    const std::size_t pad = rng() % 516;
+    const std::basic_string<T> memory = std::basic_string<T>(pad, T('J')) + text;
+    const T* p = memory.data() + pad;
+    const auto n = static_cast<std::uint32_t>(text.size());
+    const std::uint32_t a = n > 0 ? rng() % n : 0;
+    const std::uint32_t b = a + (n > a ? rng() % (n - a + 1) : 0);
+    const T delimiter = alphabet[rng() % alphabet.size()];
+    KVT::search_internal::LineCount lines{0, 0};
+    for (std::uint32_t i = a; i < b; ++i) {
+      if (p[i] == delimiter) lines = {lines.count + 1, i - a + 1};
+    }
+    const KVT::search_internal::LineCount got = kernels.count_lines(p + a, b - a, delimiter);
+    ASSERT_EQ(lines.count, got.count) << "count_lines over " << a << " .. " << b;
+    ASSERT_EQ(lines.behind_last, got.behind_last) << "count_lines over " << a << " .. " << b;
+    if constexpr (sizeof(T) == 2) {
+      std::uint32_t high = a;
+      while (high < b && p[high] < 256) ++high;
+      ASSERT_EQ(high - a, set.find_high(p + a, b - a));
+    }
+    if (n == 0) continue;
+
+    // Forms mostly from the text, so that occurrences are common; a second form that differs
+    // in some places; members from the forms, now and then from anywhere.
+    const std::uint32_t m = 1 + rng() % std::min<std::uint32_t>(n, 70);
+    std::basic_string<T> first(std::max<std::uint32_t>(m, Needle<T>::kNeedlePad), T());
+    std::basic_string<T> second = first;
+    const std::uint32_t at = rng() % (n - m + 1);
+    for (std::uint32_t k = 0; k < m; ++k) {
+      first[k] = rng() % 8 ? p[at + k] : alphabet[rng() % alphabet.size()];
+      second[k] = rng() % 3 ? first[k] : alphabet[rng() % alphabet.size()];
+    }
+    Needle<T> needle{};
+    needle.text = p;
+    needle.n = n;
+    needle.m = m;
+    needle.members = 1 + rng() % 2;
+    needle.places = needle.members == 1 ? 3 : 2 + rng() % 2;
+    if (needle.members == 1) second = first;
+    for (int i = 0; i < 3; ++i) {
+      needle.place[i] = rng() % m;
+      for (int j = 0; j < 2; ++j) {
+        needle.member[i][j] = rng() % 16 ? (j ? second : first)[needle.place[i]]
+                                         : alphabet[rng() % alphabet.size()];
+      }
+      if (needle.members == 1) needle.member[i][1] = needle.member[i][0];
+    }
+    needle.first = first.data();
+    needle.second = second.data();
+    const std::uint32_t from = rng() % (n - m + 1);
+    const std::uint32_t to = from + rng() % (n - m + 1 - from);
+    const std::uint32_t capacities[] = {1, 2, 3, 64};
+    const std::uint32_t capacity = capacities[rng() % 4];
+    std::uint32_t out[64];
+    const std::uint32_t count = kernels.find(needle, from, to, out, capacity);
+    ASSERT_EQ(NaiveFind(needle, from, to, capacity), std::vector<std::uint32_t>(out, out + count))
+        << "find, m " << m << " from " << from << " to " << to << " capacity " << capacity
+        << " members " << needle.members << " places " << needle.places;
+  }
+}
+
+TEST_P(SearchKernelSets, KernelsMatchTheReference) {
+  CompareKernels<char>(set(), 5, 3000);
+  CompareKernels<wchar_t>(set(), 6, 3000);
+}
+
+// The scan with this set's kernels against the reference: random texts and terms (see
+// CompareWithReference), each between random padding that may hold the term too, every flag
+// with either delimiter, in stretches of random lengths (or the scan's own, which texts of
+// several of them cross now and then), by the fast routes and with a stop callback.
+template <typename T>
+void CompareScan(const KernelSet& set, std::uint32_t seed, int texts) {
+  std::mt19937 rng(seed);
+  const std::basic_string<T> alphabet = search_test::AlphabetOf(T());
+  for (int round = 0; round < texts; ++round) {
+    std::basic_string<T> text = search_test::RandomText<T>(rng);
+    if (rng() % 40 == 0) {
+      while (text.size() < 40000) text += search_test::RandomText<T>(rng);
+    }
+    const std::basic_string<T> term = search_test::RandomTerm(rng, text);
+    std::basic_string<T> memory;
+    for (std::size_t i = rng() % 516; i > 0; --i) memory += rng() % 4 ? alphabet[rng() % 4] : T('\n');
+    const std::size_t pad = memory.size();
+    memory += text + (rng() % 2 ? term : std::basic_string<T>());
+    for (std::size_t i = rng() % 516; i > 0; --i) memory += alphabet[rng() % alphabet.size()];
+    const std::uint32_t stretch = rng() % 4 == 0 ? 0 : 1 + rng() % 200;
+    const bool prepared_caseless = rng() % 2 == 0;
+    for (unsigned long flags = 0; flags < 4; ++flags) {
+      const CSearchQuery<T> query = Query(term.c_str(), prepared_caseless || (flags & 1) != 0);
+      for (T delimiter : {static_cast<T>('\n'), static_cast<T>(0)}) {
+        SCOPED_TRACE(testing::Message() << "seed " << seed << " round " << round << " flags "
+                                        << flags << " stretch " << stretch);
+        const Results expected = search_test::NaiveSearch(text, term, flags, delimiter);
+        ASSERT_EQ(expected, Scan(memory.data() + pad, text.size(), query, flags, delimiter,
+                                 Forced(set, stretch)));
+        search_test::Collect polled;
+        KVT::search_internal::ScanText(memory.data() + pad, static_cast<int>(text.size()), query,
+                                       flags, &NeverStop, nullptr, delimiter, polled,
+                                       Forced(set));
+        ASSERT_EQ(expected, polled.all) << "with a stop callback";
+      }
+    }
+  }
+}
+
+TEST_P(SearchKernelSets, ScanMatchesTheReference) {
+  CompareScan<char>(set(), 7, 300);
+  CompareScan<wchar_t>(set(), 8, 300);
+}
+
+// Occurrences at every offset around a stretch boundary, with a line feed on the boundary and
+// word characters or delimiters beside them, for stretches of a few characters and the scan's own.
+template <typename T>
+void CheckStretchBoundaries(const KernelSet& set) {
+  const std::basic_string<T> terms[] = {search_test::Widen<T>("ab"),
+                                        search_test::Widen<T>("abcab"),
+                                        std::basic_string<T>(40, T('a')) + T('b')};
+  for (std::uint32_t stretch : {5u, 64u, 0u}) {
+    const std::uint32_t s = stretch != 0 ? stretch : 16384 / sizeof(T);
+    for (const std::basic_string<T>& term : terms) {
+      const auto m = static_cast<std::uint32_t>(term.size());
+      const std::uint32_t boundary = s * ((m + 1 + s) / s);  // A stretch's end past m + 1.
+      for (std::uint32_t d = 0; d <= 2 * m + 2; ++d) {
+        std::basic_string<T> text(2 * boundary + s + m + 2, T('x'));
+        const std::uint32_t at = boundary + d - m - 1;
+        text.replace(at, m, term);
+        text[boundary] = T('\n');
+        text[at - 1] = d % 2 ? T(' ') : T('y');
+        if (at + m < text.size()) text[at + m] = d % 3 ? T('.') : T('z');
+        text.replace(2 * boundary - m / 2, m, term);
+        for (unsigned long flags = 0; flags < 4; ++flags) {
+          SCOPED_TRACE(testing::Message() << "stretch " << s << " m " << m << " at " << at
+                                          << " flags " << flags);
+          ASSERT_EQ(search_test::NaiveSearch(text, term, flags, T('\n')),
+                    Scan(text, Query(term.c_str(), true), flags, T('\n'), Forced(set, stretch)));
+        }
+      }
+    }
+  }
+}
+
+TEST_P(SearchKernelSets, StretchBoundaries) {
+  CheckStretchBoundaries<char>(set());
+  CheckStretchBoundaries<wchar_t>(set());
+}
+
+// Line counts across long stretches: the lane counters are summed every 255 steps (narrow) and
+// 32767 steps (wide) of four vectors; text made of delimiters alone fills every lane. Long terms
+// compare in many vectors.
+TEST_P(SearchKernelSets, LongStretchesAndLongTerms) {
+  const ScanTuning tuning = Forced(set());
+  std::string narrow;
+  for (int i = 0; i < 5000; ++i) narrow += "ab\n";
+  narrow += "needle\nneedle";
+  EXPECT_EQ((Results{Result(5001, 15000), Result(5002, 15007)}),
+            Scan(narrow, Query("needle"), 0, '\n', tuning));
+  const std::string narrow_full = std::string(100000, '\n') + "pin";
+  EXPECT_EQ((Results{Result(100001, 100000)}), Scan(narrow_full, Query("pin"), 0, '\n', tuning));
+  EXPECT_EQ(100000u, set().narrow.count_lines(narrow_full.data(), 100000, '\n').count);
+  const std::wstring wide_full = std::wstring(2200000, L'\n') + L"pin";
+  EXPECT_EQ(2200000u, set().wide.count_lines(wide_full.data(), 2200000, L'\n').count);
+  EXPECT_EQ((Results{Result(1, 0)}), Scan(std::string(70000, 'q') + "pin", Query("pin"), 0,
+                                          '\0', tuning));
+  // More occurrences than the kernels hand over at once, each overlapping the next one.
+  std::string runs;
+  for (int i = 0; i < 40; ++i) runs += "aaAaaaa\n";
+  for (unsigned long flags : {0ul, 1ul}) {
+    EXPECT_EQ(search_test::NaiveSearch(runs, std::string("aa"), flags, '\n'),
+              Scan(runs, Query("aa", flags != 0), flags, '\n', tuning));
+  }
+  std::string term(70000, 'a');
+  term[0] = 'c';
+  term.back() = 'b';
+  const std::string text = std::string(100, 'a') + term + "x" + term;
+  EXPECT_EQ((Results{Result(1, 0), Result(1, 0)}), Scan(text, Query(term.c_str()), 0, '\n',
+                                                        tuning));
+}
+
+INSTANTIATE_TEST_SUITE_P(, SearchKernelSets,
+                         testing::Range(0, static_cast<int>(
+                                               search_test::KernelSetsUnderTest().size())),
+                         [](const testing::TestParamInfo<int>& info) {
+                           std::string name = search_test::KernelSetsUnderTest()[info.param]->name;
+                           for (char& ch : name) {
+                             if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+                           }
+                           return name;
+                         });
 
 }  // namespace

@@ -1,4 +1,4 @@
-// CBuffer's lines and files. Included by buffer.cpp, which instantiates the class.
+// CBuffer's lines and files: the members that cut a text into lines and read files by lines.
 #include "buffer/buffer.h"
 
 #include <io.h>
@@ -138,5 +138,18 @@ T* CBuffer<T>::GetNext(FILE*& stream, int index) {
   stream = nullptr;
   return nullptr;
 }
+
+// The members defined here, for both widths (buffer.cpp instantiates the rest).
+#define TERN_BUFFER_LINES(T)                                        \
+  template T* CBuffer<T>::AddLine(T* start, T* end);                \
+  template bool CBuffer<T>::ToLines();                              \
+  template bool CBuffer<T>::Split(T delimiter);                     \
+  template int CBuffer<T>::ReAllocForFile(FILE* stream);            \
+  template bool CBuffer<T>::AppendRead(T ch);                       \
+  template int CBuffer<T>::Load(FILE* stream);                      \
+  template T* CBuffer<T>::GetNext(FILE*& stream, int index);
+TERN_BUFFER_LINES(char)
+TERN_BUFFER_LINES(wchar_t)
+#undef TERN_BUFFER_LINES
 
 }  // namespace KVT
