@@ -487,8 +487,8 @@ class SearchKernelSets : public testing::TestWithParam<int> {
   static const KernelSet& set() { return *search_test::KernelSetsUnderTest()[GetParam()]; }
 };
 
-// The positions `find` must give: every position from `from` on where the filter and the forms
-// hold, on by m behind each, up to `to`, at most `capacity`.
+// The positions `find` must give: every position from `from` on where the forms hold, on by m
+// behind each, up to `to`, at most `capacity`.
 template <typename T>
 std::vector<std::uint32_t> NaiveFind(const Needle<T>& needle, std::uint32_t from,
                                      std::uint32_t to, std::uint32_t capacity) {
@@ -496,10 +496,6 @@ std::vector<std::uint32_t> NaiveFind(const Needle<T>& needle, std::uint32_t from
   for (std::uint32_t p = from; p <= to && out.size() < capacity;) {
     const T* at = needle.text + p;
     bool hit = true;
-    for (std::uint32_t i = 0; i < needle.places; ++i) {
-      const T ch = at[needle.place[i]];
-      hit = hit && (ch == needle.member[i][0] || ch == needle.member[i][1]);
-    }
     for (std::uint32_t k = 0; k < needle.m; ++k) {
       hit = hit && (at[k] == needle.first[k] || at[k] == needle.second[k]);
     }
@@ -511,7 +507,8 @@ std::vector<std::uint32_t> NaiveFind(const Needle<T>& needle, std::uint32_t from
 
 // The kernels alone against references, on random texts placed 0 to 515 characters into their
 // memory: `find` with random needles (filter places and members, one or two forms) over random
-// ranges and capacities, `count_lines` over random stretches, `find_high` over wide text.
+// ranges and capacities, with a census of the stretch or without, `count_lines` over random
+// stretches, `find_high` over wide text.
 template <typename T>
 void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
   const KVT::search_internal::ScanKernels<T>& kernels = KVT::search_internal::KernelsOf<T>(set);
@@ -542,7 +539,7 @@ void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
     if (n == 0) continue;
 
     // Forms mostly from the text, so that occurrences are common; a second form that differs
-    // in some places; members from the forms, now and then from anywhere.
+    // in some places; filter places anywhere, their members from the forms.
     const std::uint32_t m = 1 + rng() % std::min<std::uint32_t>(n, 70);
     std::basic_string<T> first(std::max<std::uint32_t>(m, Needle<T>::kNeedlePad), T());
     std::basic_string<T> second = first;
@@ -560,11 +557,8 @@ void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
     if (needle.members == 1) second = first;
     for (int i = 0; i < 3; ++i) {
       needle.place[i] = rng() % m;
-      for (int j = 0; j < 2; ++j) {
-        needle.member[i][j] = rng() % 16 ? (j ? second : first)[needle.place[i]]
-                                         : alphabet[rng() % alphabet.size()];
-      }
-      if (needle.members == 1) needle.member[i][1] = needle.member[i][0];
+      needle.member[i][0] = first[needle.place[i]];
+      needle.member[i][1] = second[needle.place[i]];
     }
     needle.first = first.data();
     needle.second = second.data();
@@ -573,10 +567,23 @@ void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
     const std::uint32_t capacities[] = {1, 2, 3, 64};
     const std::uint32_t capacity = capacities[rng() % 4];
     std::uint32_t out[64];
-    const std::uint32_t count = kernels.find(needle, from, to, out, capacity);
+    const bool census_asked = rng() % 2 == 0;
+    KVT::search_internal::Census<T> census{delimiter, rng() % 2 == 0, ~0u, true};
+    const std::uint32_t count = kernels.find(needle, from, to, out, capacity,
+                                             census_asked ? &census : nullptr);
     ASSERT_EQ(NaiveFind(needle, from, to, capacity), std::vector<std::uint32_t>(out, out + count))
         << "find, m " << m << " from " << from << " to " << to << " capacity " << capacity
         << " members " << needle.members << " places " << needle.places;
+    if (!census_asked || count == capacity) {
+      ASSERT_EQ(~0u, census.delimiters) << "a census nobody can use is left alone";
+      continue;
+    }
+    ASSERT_EQ(static_cast<std::uint32_t>(std::count(p + from, p + to + 1, delimiter)),
+              census.delimiters)
+        << "find's count of delimiters from " << from << " to " << to;
+    if (sizeof(T) == 2 && census.look_for_high) {
+      ASSERT_EQ(std::any_of(p + from, p + to + 1, [](T ch) { return ch > 255; }), census.high);
+    }
   }
 }
 

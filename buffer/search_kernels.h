@@ -23,11 +23,15 @@
 namespace KVT {
 namespace search_internal {
 
-// What `find` looks for in text[0 .. n - 1]: positions p where each filter place holds one of
-// its members (text[p + place[i]] is member[i][0] or member[i][1]), and then every place k of the
-// term holds first[k] or second[k]. A search by value has three places and one member each
+// What `find` looks for in text[0 .. n - 1]: positions p where every place k of the term holds
+// first[k] or second[k]. The filter places narrow the search down cheaply: a position is a
+// candidate if each filter place holds one of its members (text[p + place[i]] is member[i][0] or
+// member[i][1]), which are the forms' characters there (first[place[i]], second[place[i]]), so
+// that every occurrence is a candidate. A search by value has three places and one member each
 // (member[i][1] repeats member[i][0], and second is first, the term); a caseless one two or three
-// places with two members (the case forms of each place's character). The places are below m.
+// places with two members (the case forms of each place's character). The places are below m;
+// the first is the rarest, which a kernel may filter by alone while it lets through few false
+// candidates.
 // `first` and `second` can be read for max(m, kNeedlePad) characters, which lets a kernel compare
 // a short term with one vector and ignore the lanes past m.
 template <typename T>
@@ -45,6 +49,16 @@ struct Needle {
   const T* second;
 };
 
+// What `find` may be asked to count of the stretch it filters, text[from .. to], as it reads it,
+// so that nothing else need read the stretch again.
+template <typename T>
+struct Census {
+  T delimiter;          // In: the character to count.
+  bool look_for_high;   // In: wide text only, whether to look for code units above 255.
+  std::uint32_t delimiters;  // Out: the characters equal to `delimiter`.
+  bool high;                 // Out, where looked for: whether a code unit is above 255.
+};
+
 // Delimiters counted in a stretch: how many, and the offset just behind the last one (0 for
 // none).
 struct LineCount {
@@ -60,8 +74,10 @@ struct ScanKernels {
   // `capacity` the caller goes on from out[capacity - 1] + m; otherwise every position up to `to`
   // has been examined. Reads text[0 .. n - 1] only; what lies past text[to + m - 1] never
   // changes the outcome.
+  // Where `census` is not null and fewer than `capacity` occurrences are returned, its outputs
+  // describe text[from .. to], counted as the filter reads the text (else they are left alone).
   std::uint32_t (*find)(const Needle<T>& needle, std::uint32_t from, std::uint32_t to,
-                        std::uint32_t* out, std::uint32_t capacity);
+                        std::uint32_t* out, std::uint32_t capacity, Census<T>* census);
   // The characters equal to `delimiter` in p[0 .. count - 1].
   LineCount (*count_lines)(const T* p, std::uint32_t count, T delimiter);
 };

@@ -21,6 +21,7 @@ struct Vec {
   static constexpr unsigned LaneBits(char) { return 1; }
   static constexpr unsigned LaneBits(wchar_t) { return 2; }
   static V Load(const void* p) { return _mm256_loadu_si256(static_cast<const __m256i*>(p)); }
+  static void Prefetch(const void* p) { _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0); }
   static V Zero() { return _mm256_setzero_si256(); }
   static V Splat(char ch) { return _mm256_set1_epi8(ch); }
   static V Splat(wchar_t ch) { return _mm256_set1_epi16(static_cast<short>(ch)); }

@@ -22,6 +22,7 @@ struct Vec {
   static constexpr unsigned LaneBits(char) { return 1; }
   static constexpr unsigned LaneBits(wchar_t) { return 1; }
   static V Load(const void* p) { return _mm512_loadu_si512(p); }
+  static void Prefetch(const void* p) { _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0); }
   static V Zero() { return _mm512_setzero_si512(); }
   static V Splat(char ch) { return _mm512_set1_epi8(ch); }
   static V Splat(wchar_t ch) { return _mm512_set1_epi16(static_cast<short>(ch)); }

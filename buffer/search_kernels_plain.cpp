@@ -22,7 +22,7 @@ bool OccursAt(const Needle<T>& needle, const T* p) {
 
 template <typename T>
 std::uint32_t Find(const Needle<T>& needle, std::uint32_t from, std::uint32_t to,
-                   std::uint32_t* out, std::uint32_t capacity) {
+                   std::uint32_t* out, std::uint32_t capacity, Census<T>* census) {
   std::uint32_t count = 0;
   for (std::uint32_t next = from; next <= to && count < capacity;) {
     if (OccursAt(needle, needle.text + next)) {
@@ -30,6 +30,14 @@ std::uint32_t Find(const Needle<T>& needle, std::uint32_t from, std::uint32_t to
       next += needle.m;
     } else {
       ++next;
+    }
+  }
+  if (census != nullptr && count < capacity) {
+    census->delimiters = 0;
+    census->high = false;
+    for (std::uint32_t i = from; i <= to; ++i) {
+      census->delimiters += needle.text[i] == census->delimiter;
+      census->high = census->high || static_cast<unsigned>(needle.text[i]) > 255;
     }
   }
   return count;

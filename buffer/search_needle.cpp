@@ -52,8 +52,8 @@ void PickFilterPlaces(const T* term, std::uint32_t m, Rank rank, std::uint32_t* 
       b_differs = differs;
     }
   }
-  *first = a < b ? a : b;
-  *second = a < b ? b : a;
+  *first = a;
+  *second = b;
 }
 
 // The term's rarest places by `rank`: two as PickFilterPlaces chooses them, and a third from

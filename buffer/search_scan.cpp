@@ -21,6 +21,7 @@ constexpr std::uint32_t kBatch = 64;
 // For routes that need no guard: every text character is known to the needle and the table.
 struct NoGuard {
   static constexpr bool kActive = false;
+  void Known(std::uint32_t, std::uint32_t) {}
   bool Clear(std::uint32_t) { return true; }
   template <typename T>
   std::uint32_t Finish(std::uint32_t, LineCounter<T>&, ResultBatch&) { return 0; }
@@ -47,6 +48,12 @@ class WideCaselessGuard {
       : text_(text), n_(n), query_(query), whole_words_(whole_words), sets_(sets),
         find_high_(find_high) {
     std::memset(plain_, 0, sizeof(plain_));
+  }
+
+  // Takes text[from .. end - 1] as holding no code unit above 255 (which the find kernel saw),
+  // where it follows on what is checked.
+  void Known(std::uint32_t from, std::uint32_t end) {
+    if (cleared_ >= from && cleared_ < end) cleared_ = end;
   }
 
   // Checks the text up to `reach` (and somewhat beyond); false if the route must end.
@@ -93,17 +100,20 @@ class WideCaselessGuard {
 // Leftmost occurrences, each one looked for from m places behind the last occurrence found (or
 // rejected as no whole word). This is what the defining scan records whenever its table never
 // moves the term past a place where it matches, which the callers check first, or, for a guard
-// that is active, which the guard makes sure of as the route goes (see WideCaselessGuard): a
-// position p is examined only once guard.Clear(p + m) has agreed, and where it refuses,
-// guard.Finish records the rest from the first position not yet examined.
+// that is active, which the guard makes sure of as the route goes (see WideCaselessGuard): an
+// occurrence at p counts only once guard.Clear(p + m) has agreed, and where it refuses,
+// guard.Finish records the rest from the first position whose occurrences have not counted.
 //
-// The text goes by in stretches: the kernel finds the stretch's occurrences, the lines up to each
-// one that counts are counted, and then the lines of the rest of the stretch, which the kernel
-// has just brought into the cache.
+// The text goes by in stretches, and its lines are counted while it is in the cache, so that it
+// crosses the memory bus once: by the kernel as it filters a stretch (which suits stretches with
+// few results: the common case of a rare term), or else by the line kernel, up to each result and
+// then over the rest of the stretch, right after the kernel has brought it in.
 template <typename T, typename Guard>
 std::uint32_t GreedyScan(const Needle<T>& needle, bool whole_words, std::uint32_t stretch,
                          const ScanKernels<T>& kernels, Guard& guard, LineCounter<T>& lines,
                          ResultBatch& out) {
+  // Stretches with at most this many results have their lines counted by the find kernel.
+  constexpr std::uint32_t kFewResults = 4;
   const T* const text = needle.text;
   const std::uint32_t n = needle.n;
   const std::uint32_t m = needle.m;
@@ -111,22 +121,39 @@ std::uint32_t GreedyScan(const Needle<T>& needle, bool whole_words, std::uint32_
   std::uint32_t positions[kBatch];
   std::uint32_t found = 0;
   std::uint32_t next = 0;  // The first position not examined yet.
+  bool kernel_counts = true;
   while (next <= last_pos) {
     const std::uint32_t to = last_pos - next < stretch ? last_pos : next + stretch - 1;
+    lines.CountTo(next);  // What the last occurrence of the stretch before reached past it.
+    const std::uint32_t line_before = lines.line();
+    Census<T> census{lines.delimiter(), Guard::kActive, 0, false};
+    std::uint32_t count =
+        kernels.find(needle, next, to, positions, kBatch, kernel_counts ? &census : nullptr);
+    const bool counted = kernel_counts && count < kBatch;
+    // The guard checks the stretch (where the kernel has not) once the kernel has brought it into
+    // the cache, and before anything found in it counts.
+    if (counted && !census.high) guard.Known(next, to + 1);
     if (!guard.Clear(to + m)) return found + guard.Finish(next, lines, out);
+    std::uint32_t results = 0;
     for (;;) {
-      const std::uint32_t count = kernels.find(needle, next, to, positions, kBatch);
       for (std::uint32_t i = 0; i < count; ++i) {
         const std::uint32_t at = positions[i];
         if (whole_words && !IsWholeWord(text, n, at, m)) continue;
         out.Add(lines.ResultAt(at));
-        ++found;
+        ++results;
       }
       if (count != 0) next = positions[count - 1] + m;
       if (count < kBatch || next > to) break;
+      count = kernels.find(needle, next, to, positions, kBatch, nullptr);
     }
     if (next <= to) next = to + 1;
-    lines.CountTo(to + 1);
+    if (counted) {
+      lines.Skip(to + 1, census.delimiters - (lines.line() - line_before));
+    } else {
+      lines.CountTo(to + 1);
+    }
+    found += results;
+    kernel_counts = results <= kFewResults;
   }
   return found;
 }

@@ -116,13 +116,37 @@ class LineCounter {
     scanned_ = pos;
   }
 
+  // Moves on to `pos` past text someone else has counted: `delimiters` of them between the last
+  // position counted to and `pos`. The line then starts behind the last of them, which is looked
+  // for backwards from `pos`, where it usually stands near.
+  void Skip(std::uint32_t pos, std::uint32_t delimiters) {
+    if (delimiters != 0) {
+      line_ += delimiters;
+      for (std::uint32_t end = pos; end > scanned_;) {
+        const std::uint32_t start = end - scanned_ > kLookBack ? end - kLookBack : scanned_;
+        const LineCount tail = count_lines_(text_ + start, end - start, delimiter_);
+        if (tail.count != 0) {
+          line_start_ = start + tail.behind_last;
+          break;
+        }
+        end = start;
+      }
+    }
+    scanned_ = pos;
+  }
+
   // The result of an occurrence at `pos`, which is not below the last position counted to.
   std::uint64_t ResultAt(std::uint32_t pos) {
     CountTo(pos);
     return PackResult(line_start_, line_);
   }
 
+  std::uint32_t line() const { return line_; }
+  const T& delimiter() const { return delimiter_; }
+
  private:
+  static constexpr std::uint32_t kLookBack = 256;
+
   const T* text_;
   LineCount (*count_lines_)(const T*, std::uint32_t, T);
   T delimiter_;

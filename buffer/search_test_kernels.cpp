@@ -34,6 +34,7 @@ struct Vec {
     const char* bytes = static_cast<const char*>(p);
     return Each([&](int i) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes) + i); });
   }
+  static void Prefetch(const void* p) { _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0); }
   static V Zero() { return Each([](int) { return _mm_setzero_si128(); }); }
   static V Splat(char ch) { return Each([&](int) { return _mm_set1_epi8(ch); }); }
   static V Splat(wchar_t ch) {

@@ -18,11 +18,13 @@
 //   And, Or              bitwise, on vectors
 //   CountEqual(v, c, T())  v plus 1 in the lanes of T where c holds
 //   Sum(v, T())          the sum of v's lanes of T, taken as unsigned and below 2^15 each
+//   Prefetch(p)          asks for the cache line at p, which need not be readable
 //
 // A round of `find` fills one Mask: two vectors where a vector gives half its bits (SSE2 and
 // AVX2, one bit per byte), one where it gives all (AVX-512, one bit per lane, narrow).
 
 #include <cstdint>
+#include <type_traits>
 
 #include "buffer/search_kernels.h"
 #include "foundation/compiler.h"
@@ -83,15 +85,82 @@ TERN_ALWAYS_INLINE bool TermAt(const T* at, const T* first, const T* second, std
   return true;
 }
 
-// ScanKernels::find for one shape of filter. A round filters kRound positions at once: for each
-// filter place a vector loaded that far from the round's start, compared with the place's
-// members; a bit of the round's mask that survives is a candidate, which TermAt verifies.
-template <typename Vec, int kPlaces, int kMembers, typename T>
-std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t from, std::uint32_t to,
-                         std::uint32_t* out, std::uint32_t capacity) {
+// How far ahead of the round being filtered `find` asks for the text (a hint: the processor may
+// ignore it, and it reads nothing that the program sees, past the text's end included).
+constexpr std::uint32_t kPrefetchBytes = 1024;
+
+// What find may be asked to count of its stretch (search_kernels.h's Census), counted a round at
+// a time inside find's loop, as the filter's loads bring the text in (and just behind them), so
+// that the text crosses the memory bus once. Finish counts the rest. With kHigh it also ORs the
+// code units together, to tell whether any is above 255.
+template <typename Vec, typename T, bool kHigh>
+class Tally {
+ public:
+  using S = Shape<Vec, T>;
+  static constexpr bool kActive = true;
+  static constexpr std::uint32_t kRoundVectors = S::kMaskBits / S::kVectorBits;
+
+  Tally(const T* text, std::uint32_t from, std::uint32_t end, T delimiter)
+      : text_(text), counted_(from), end_(end), delimiter_(delimiter),
+        needle_(Vec::Splat(delimiter)), ored_(Vec::Zero()) {
+    for (auto& lanes : lanes_) lanes = Vec::Zero();
+  }
+
+  TERN_ALWAYS_INLINE void Step() {
+    if (counted_ + S::kRound > end_) return;
+    TERN_UNROLL
+    for (std::uint32_t v = 0; v < kRoundVectors; ++v) {
+      const typename Vec::V chars = Vec::Load(text_ + counted_ + v * S::kLanes);
+      lanes_[v] = Vec::CountEqual(lanes_[v], Vec::Equal(chars, needle_, T()), T());
+      if constexpr (kHigh) ored_ = Vec::Or(ored_, chars);
+    }
+    counted_ += S::kRound;
+    // A lane gains at most 1 a step, and holds 255 (bytes) or 2^15 - 1 (words, see Sum).
+    if (++steps_ == (sizeof(T) == 1 ? 255 : 32767)) Flush();
+  }
+
+  void Finish(Census<T>* census);
+
+ private:
+  void Flush() {
+    for (auto& lanes : lanes_) {
+      total_ += Vec::Sum(lanes, T());
+      lanes = Vec::Zero();
+    }
+    steps_ = 0;
+  }
+
+  const T* text_;
+  std::uint32_t counted_;  // Characters before here are in lanes_ or total_ (and ored_).
+  std::uint32_t end_;
+  T delimiter_;
+  typename Vec::V needle_;
+  typename Vec::V lanes_[kRoundVectors];
+  typename Vec::V ored_;
+  std::uint32_t steps_ = 0;
+  std::uint32_t total_ = 0;
+};
+
+// For a find that counts nothing.
+struct NoTally {
+  static constexpr bool kActive = false;
+  void Step() {}
+};
+
+// ScanKernels::find for one shape of filter, from `next` on, adding to out[0 .. count - 1]; gives
+// the new count and leaves `next` at the first position not examined. A round filters kRound
+// positions at once: for each of the first kPlaces filter places a vector loaded that far from
+// the round's start, compared with the place's members; a bit of the round's mask that survives
+// is a candidate, which TermAt verifies. More than `max_misses` candidates that fail end the call
+// early, between two rounds.
+template <typename Vec, int kPlaces, int kMembers, bool kFold, typename Counter, typename T>
+std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::uint32_t to,
+                         std::uint32_t* out, std::uint32_t count, std::uint32_t capacity,
+                         std::uint32_t max_misses, Counter* tally) {
   using S = Shape<Vec, T>;
   using Mask = typename S::Mask;
   using V = typename Vec::V;
+  constexpr std::uint32_t kRoundVectors = S::kMaskBits / S::kVectorBits;
   const T* const text = needle.text;
   const std::uint32_t n = needle.n;
   const std::uint32_t m = needle.m;
@@ -99,38 +168,59 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t from, std::uint3
   const T* const second = needle.second;
   const std::uint32_t last_pos = n - m;
 
-  // The filter in registers: fully unrolled loops over compile-time counts.
+  // The filter in registers: fully unrolled loops over compile-time counts. With kFold each
+  // place's two members differ in one bit at most (case pairs mostly do): a character ORed with
+  // that bit equals the members ORed together exactly when it is one of them, one compare.
   V members[kPlaces][kMembers];
+  V folds[kPlaces];
   std::uint32_t places[kPlaces];
   TERN_UNROLL
   for (int i = 0; i < kPlaces; ++i) {
     places[i] = needle.place[i];
     TERN_UNROLL
     for (int j = 0; j < kMembers; ++j) members[i][j] = Vec::Splat(needle.member[i][j]);
+    if constexpr (kFold) {
+      members[i][0] = Vec::Splat(static_cast<T>(needle.member[i][0] | needle.member[i][1]));
+      folds[i] = Vec::Splat(static_cast<T>(needle.member[i][0] ^ needle.member[i][1]));
+    }
   }
-  auto round_mask = [&](const T* p) -> Mask {
-    Mask mask = 0;
+  auto hits = [&](const T* at) {
+    typename Vec::Cmp all{};
     TERN_UNROLL
-    for (std::uint32_t v = 0; v < S::kMaskBits / S::kVectorBits; ++v) {
-      const T* at = p + v * S::kLanes;
-      typename Vec::Cmp all{};
-      TERN_UNROLL
-      for (int i = 0; i < kPlaces; ++i) {
-        const V chars = Vec::Load(at + places[i]);
-        typename Vec::Cmp any = Vec::Equal(chars, members[i][0], T());
+    for (int i = 0; i < kPlaces; ++i) {
+      const V chars = Vec::Load(at + places[i]);
+      typename Vec::Cmp any;
+      if constexpr (kFold) {
+        any = Vec::Equal(Vec::Or(chars, folds[i]), members[i][0], T());
+      } else {
+        any = Vec::Equal(chars, members[i][0], T());
         TERN_UNROLL
         for (int j = 1; j < kMembers; ++j) {
           any = Vec::Either(any, Vec::Equal(chars, members[i][j], T()));
         }
-        all = i == 0 ? any : Vec::Both(all, any);
       }
-      mask |= static_cast<Mask>(Vec::Bits(all, T())) << (v * S::kVectorBits % S::kMaskBits);
+      all = i == 0 ? any : Vec::Both(all, any);
+    }
+    return all;
+  };
+  // The candidates of the round at p; most rounds have none, which one test tells.
+  auto round_mask = [&](const T* p) -> Mask {
+    typename Vec::Cmp vectors[kRoundVectors];
+    TERN_UNROLL
+    for (std::uint32_t v = 0; v < kRoundVectors; ++v) vectors[v] = hits(p + v * S::kLanes);
+    if constexpr (kRoundVectors == 2) {
+      if (Vec::Bits(Vec::Either(vectors[0], vectors[1]), T()) == 0) return 0;
+    }
+    Mask mask = 0;
+    TERN_UNROLL
+    for (std::uint32_t v = 0; v < kRoundVectors; ++v) {
+      mask |= static_cast<Mask>(Vec::Bits(vectors[v], T())) << (v * S::kVectorBits % S::kMaskBits);
     }
     return mask;
   };
 
-  std::uint32_t count = 0;
-  std::uint32_t next = from;  // The first position not examined yet.
+  std::uint32_t next = next_io;  // The first position not examined yet.
+  std::uint32_t misses = 0;
   // Verifies the candidates in `mask` (positions block + bit / kLaneBits, none before `next`),
   // stores the occurrences and moves `next` past each; false once out[] is full.
   auto take = [&](std::uint32_t block, Mask mask) -> bool {
@@ -138,12 +228,13 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t from, std::uint3
       const std::uint32_t at = block + internal::LowestBit(mask) / S::kLaneBits;
       if (TermAt<Vec, kMembers>(text + at, first, second, m, n - at)) {
         out[count++] = at;
-        if (count == capacity) return false;
         if (next < at + m) next = at + m;
+        if (count == capacity) return false;
         const std::uint32_t reached = (at + m - block) * S::kLaneBits;  // Bits now behind.
         if (reached >= S::kMaskBits) break;
         mask &= ~Mask{0} << reached;
       } else {
+        ++misses;
         mask &= ~(S::kLaneAll << ((at - block) * S::kLaneBits));
       }
     }
@@ -154,24 +245,50 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t from, std::uint3
     // Rounds read up to kRound - 1 + m - 1 characters past their first position, which the
     // text holds up to last_block; positions past `to` are masked off.
     const std::uint32_t last_block = last_pos - (S::kRound - 1);
-    while (next <= to && next <= last_block) {
-      const std::uint32_t block = next;
-      Mask mask = round_mask(text + block);
+    const std::uint32_t limit = to < last_block ? to : last_block;
+    // The first round starts early, where the text allows, so that the loads at the first
+    // filter place are aligned in every round; the positions before `next` are masked off.
+    const std::uint32_t early =
+        static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(text + next + places[0]) %
+                                   Vec::kBytes) / sizeof(T);
+    if (next <= limit && early <= next) {
+      const std::uint32_t block = next - early;
+      Mask mask = round_mask(text + block) & (~Mask{0} << (early * S::kLaneBits));
       next = block + S::kRound;
-      if (to < next - 1) {
-        mask &= S::Low(to + 1 - block);
-        next = to + 1;
+      if (mask != 0) {
+        if (to < next - 1) mask &= S::Low(to + 1 - block);
+        take(block, mask);
       }
-      if (!take(block, mask)) return count;
     }
-    if (next <= to) {
+    while (next <= limit && count < capacity) {
+      const std::uint32_t block = next;
+      // Reads ahead: the loop alone keeps too few loads in flight to read at the memory's speed.
+      Vec::Prefetch(reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(text + block) +
+                                                  kPrefetchBytes));
+      Mask mask = round_mask(text + block);
+      if constexpr (Counter::kActive) tally->Step();
+      next = block + S::kRound;
+      if (mask != 0) {
+        if (to < next - 1) mask &= S::Low(to + 1 - block);
+        if (!take(block, mask)) break;
+        if (misses > max_misses) {
+          if (next > to + 1) next = to + 1;
+          next_io = next;
+          return count;
+        }
+      }
+    }
+    if (next > to + 1) next = to + 1;
+    if (next <= to && count < capacity) {
       // Less than a round before the text's end: the round that ends there, without the
       // positions before `next`.
       const std::uint32_t block = last_block;
       Mask mask = round_mask(text + block) & (~Mask{0} << ((next - block) * S::kLaneBits));
       if (to < last_pos) mask &= S::Low(to + 1 - block);
+      next = to + 1;
       take(block, mask);
     }
+    next_io = next;
     return count;
   }
   // A text shorter than a round: one position at a time.
@@ -183,25 +300,84 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t from, std::uint3
     }
     return true;
   };
-  while (next <= to) {
+  while (next <= to && count < capacity) {
     if (passes_filter(text + next) &&
         TermAt<Vec, kMembers>(text + next, first, second, m, n - next)) {
       out[count++] = next;
-      if (count == capacity) break;
       next += m;
     } else {
       ++next;
     }
   }
+  next_io = next;
   return count;
+}
+
+// A candidate that fails costs a verification, a round without one a few instructions. The rarest
+// filter place alone makes the lightest rounds; where it lets through more than one false
+// candidate in this many positions, the rest of the call takes every filter place.
+constexpr std::uint32_t kPositionsPerMiss = 256;
+
+template <typename Vec, int kPlaces, int kMembers, bool kFold, typename Counter, typename T>
+std::uint32_t FindAdaptive(const Needle<T>& needle, std::uint32_t from, std::uint32_t to,
+                           std::uint32_t* out, std::uint32_t capacity, Counter* tally) {
+  std::uint32_t next = from;
+  const std::uint32_t misses = (to - from) / kPositionsPerMiss;
+  std::uint32_t count =
+      FindShaped<Vec, 1, kMembers, kFold>(needle, next, to, out, 0, capacity, misses, tally);
+  if (count < capacity && next <= to) {
+    count = FindShaped<Vec, kPlaces, kMembers, kFold>(needle, next, to, out, count, capacity,
+                                                      0xFFFFFFFF, tally);
+  }
+  return count;
+}
+
+template <typename Vec, typename Counter, typename T>
+std::uint32_t FindCounting(const Needle<T>& needle, std::uint32_t from, std::uint32_t to,
+                           std::uint32_t* out, std::uint32_t capacity, Counter* tally) {
+  if (needle.members == 1) {
+    if (needle.places == 3) {
+      return FindAdaptive<Vec, 3, 1, false>(needle, from, to, out, capacity, tally);
+    }
+    return FindAdaptive<Vec, 2, 1, false>(needle, from, to, out, capacity, tally);
+  }
+  bool fold = true;
+  for (std::uint32_t i = 0; i < needle.places; ++i) {
+    using Unsigned = std::make_unsigned_t<T>;
+    const auto bits = static_cast<Unsigned>(needle.member[i][0] ^ needle.member[i][1]);
+    fold = fold && (bits & (bits - 1)) == 0;
+  }
+  if (fold) {
+    if (needle.places == 3) {
+      return FindAdaptive<Vec, 3, 2, true>(needle, from, to, out, capacity, tally);
+    }
+    return FindAdaptive<Vec, 2, 2, true>(needle, from, to, out, capacity, tally);
+  }
+  if (needle.places == 3) {
+    return FindAdaptive<Vec, 3, 2, false>(needle, from, to, out, capacity, tally);
+  }
+  return FindAdaptive<Vec, 2, 2, false>(needle, from, to, out, capacity, tally);
 }
 
 template <typename Vec, typename T>
 std::uint32_t Find(const Needle<T>& needle, std::uint32_t from, std::uint32_t to,
-                   std::uint32_t* out, std::uint32_t capacity) {
-  if (needle.members == 1) return FindShaped<Vec, 3, 1>(needle, from, to, out, capacity);
-  if (needle.places == 3) return FindShaped<Vec, 3, 2>(needle, from, to, out, capacity);
-  return FindShaped<Vec, 2, 2>(needle, from, to, out, capacity);
+                   std::uint32_t* out, std::uint32_t capacity, Census<T>* census) {
+  if (census == nullptr) {
+    NoTally none;
+    return FindCounting<Vec>(needle, from, to, out, capacity, &none);
+  }
+  if constexpr (sizeof(T) > 1) {
+    if (census->look_for_high) {
+      Tally<Vec, T, true> tally(needle.text, from, to + 1, census->delimiter);
+      const std::uint32_t count = FindCounting<Vec>(needle, from, to, out, capacity, &tally);
+      if (count < capacity) tally.Finish(census);
+      return count;
+    }
+  }
+  Tally<Vec, T, false> tally(needle.text, from, to + 1, census->delimiter);
+  const std::uint32_t count = FindCounting<Vec>(needle, from, to, out, capacity, &tally);
+  if (count < capacity) tally.Finish(census);
+  return count;
 }
 
 // The delimiters in p[0 .. count - 1] (count below four vectors' worth, else slower than
@@ -289,7 +465,7 @@ LineCount CountLines(const T* p, std::uint32_t count, T delimiter) {
 }
 
 // KernelSet::find_high. Four vectors at a time are ORed and tested at once: text without such
-// code units costs one OR per vector.
+// code units costs one OR per vector. The text is asked for ahead, as in find.
 template <typename Vec>
 std::uint32_t FindHigh(const wchar_t* p, std::uint32_t count) {
   using S = Shape<Vec, wchar_t>;
@@ -300,6 +476,8 @@ std::uint32_t FindHigh(const wchar_t* p, std::uint32_t count) {
   };
   std::uint32_t i = 0;
   for (; i + 4 * S::kLanes <= count; i += 4 * S::kLanes) {
+    Vec::Prefetch(reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(p + i) +
+                                                kPrefetchBytes));
     const typename Vec::V any =
         Vec::Or(Vec::Or(Vec::Load(p + i), Vec::Load(p + i + S::kLanes)),
                 Vec::Or(Vec::Load(p + i + 2 * S::kLanes), Vec::Load(p + i + 3 * S::kLanes)));
@@ -311,6 +489,19 @@ std::uint32_t FindHigh(const wchar_t* p, std::uint32_t count) {
   }
   while (i < count && p[i] < 256) ++i;
   return i;
+}
+
+template <typename Vec, typename T, bool kHigh>
+void Tally<Vec, T, kHigh>::Finish(Census<T>* census) {
+  Flush();
+  const std::uint32_t rest = end_ - counted_;
+  census->delimiters = total_ + CountLines<Vec>(text_ + counted_, rest, delimiter_).count;
+  if constexpr (kHigh) {
+    const typename Vec::V high_byte = Vec::Splat(static_cast<T>(0xFF00));
+    census->high = Vec::Bits(Vec::Equal(Vec::And(ored_, high_byte), Vec::Zero(), T()), T()) !=
+                       Shape<Vec, T>::kVectorAll ||
+                   FindHigh<Vec>(text_ + counted_, rest) < rest;
+  }
 }
 
 // The kernel set of one Vec.
