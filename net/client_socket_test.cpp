@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -305,6 +307,62 @@ TEST(CServerSocket, AnyHostListensOnTheWildcardAndPortZeroStaysZero) {
   EXPECT_EQ(listener.listening_address, L"0.0.0.0");
   EXPECT_STREQ(server.GetIPAddress(), L"0.0.0.0");
   server.Shutdown();
+}
+
+// Handles the process holds. Wine answers GetProcessHandleCount with 0; there the handle table
+// is walked instead: its handles are multiples of 4 from 4 on, handed out lowest free first, and
+// GetHandleInformation accepts exactly the open ones (sockets included, which are handles there).
+// The walk ends after 1024 free values in a row; the test checks that it sees its own handles.
+DWORD ProcessHandleCount() {
+  DWORD count = 0;
+  if (::GetProcessHandleCount(::GetCurrentProcess(), &count) && count != 0) return count;
+  for (uintptr_t value = 4, free_run = 0; free_run < 1024; value += 4) {
+    DWORD flags = 0;
+    const bool open = ::GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags);
+    count += open;
+    free_run = open ? 0 : free_run + 1;
+  }
+  return count;
+}
+
+// A server and the client sockets over what it accepted, ended in the order the classes want,
+// leave no handle behind: every thread's handle and every socket goes. `peak` gets the count
+// while the connections are up.
+void ServeAndEnd(int clients, DWORD* peak) {
+  RecordingReceiver receiver;
+  std::mutex mutex;
+  std::vector<std::unique_ptr<CClientSocket>> sockets;
+  RecordingListener listener;
+  listener.on_accept = [&](unsigned int accepted) {
+    std::lock_guard<std::mutex> hold(mutex);
+    sockets.push_back(std::make_unique<CClientSocket>(&receiver, accepted, 0));
+    sockets.back()->Receive(0);
+  };
+  {
+    LoopbackServer server(listener);
+    ASSERT_TRUE(server.IsListening());
+    std::vector<KVT::ScopedSocket> peers;
+    for (int i = 0; i < clients; ++i) {
+      peers.push_back(Connect(server.port()));
+      ASSERT_TRUE(SendAll(peers.back().Get(), "x"));
+    }
+    ASSERT_TRUE(receiver.WaitForBytes(static_cast<size_t>(clients)));
+    *peak = ProcessHandleCount();
+  }
+  std::lock_guard<std::mutex> hold(mutex);
+  for (auto& socket : sockets) {
+    socket->Shutdown();
+    socket->WaitForThreadExit(static_cast<int>(tern_test::kPatience));
+  }
+}
+
+TEST(CServerSocket, ServedConnectionsLeaveNoHandleBehind) {
+  DWORD peak = 0;
+  ServeAndEnd(1, &peak);  // Windows Sockets makes handles of its own at first use.
+  const DWORD before = ProcessHandleCount();
+  ServeAndEnd(8, &peak);
+  EXPECT_GT(peak, before + 8);  // The count sees the run's threads and sockets.
+  EXPECT_LE(ProcessHandleCount(), before);
 }
 
 }  // namespace

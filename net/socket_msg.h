@@ -119,8 +119,10 @@ class TERN_API CSocketMsgReceiver {
   int GetQueueSize();
 
  protected:
-  // A new message object; called with the queue lock held, so it must not wait for a consumer.
-  // Must not give null (a null result makes AddMessage drop the chunk and give false).
+  // A new message object. Runs under the queue lock, on the thread that calls AddMessage: a
+  // consumer's Pop, GetQueueSize or LockQueue on another thread waits until it returns, so it
+  // must not wait for such a thread. Must not give null (a null result makes AddMessage drop the
+  // chunk and give false).
   virtual CSocketMsg* CreateMessage() = 0;
 
   // Appends to the ready queue; the queue's size afterwards.

@@ -126,25 +126,6 @@ TEST(NameLookup, NumericLookupFillsTheRecordsAndFailureLeavesThemAlone) {
   EXPECT_EQ(host.name[0], L'#');
 }
 
-TEST(SocketOptions, WrappersGiveThePlatformsResult) {
-  unsigned short port = 0;
-  KVT::ScopedSocket socket = tern_test::BoundToFreePort(port);
-  ASSERT_TRUE(socket.IsValid());
-  const auto handle = static_cast<unsigned int>(socket.Get());
-  int on = 1;
-  EXPECT_EQ(CSocketUtil::SetOptions(handle, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on)), 0);
-  int value = 0;
-  EXPECT_EQ(CSocketUtil::GetOptions(handle, SOL_SOCKET, SO_KEEPALIVE, &value, sizeof(value)), 0);
-  EXPECT_NE(value, 0);
-  sockaddr_in name = {};
-  int length = sizeof(name);
-  EXPECT_EQ(CSocketUtil::GetSockName(handle, reinterpret_cast<sockaddr*>(&name), &length), 0);
-  EXPECT_EQ(name.sin_port, ::htons(port));
-  // Not connected: getpeername fails.
-  EXPECT_EQ(CSocketUtil::GetPeerName(handle, reinterpret_cast<sockaddr*>(&name), &length), -1);
-  EXPECT_EQ(::WSAGetLastError(), WSAENOTCONN);
-}
-
 KVT::TSOSocketInfo* const kNoInfo = nullptr;
 
 // A CSocket with its fields in view.

@@ -1,11 +1,11 @@
 #ifndef TERNCORELIB_NET_TEST_FRAMES_H_
 #define TERNCORELIB_NET_TEST_FRAMES_H_
 
-// The frame format of the net tests, and the message classes that read it.
+// The frame format of the random framing suite, and the message classes that read it: frames
+// with a trailer, which the library's length framing has not.
 //
 // A frame is an 8-byte header (message length, trailer length: each 4 bytes, little-endian), the
 // message and the trailer. A header that declares more than kMaxFrameBytes in all is refused.
-// With pings allowed, a single '!' byte is a frame of its own, which ParseHeader ends early.
 
 #include <climits>
 #include <cstdint>
@@ -43,10 +43,7 @@ inline std::string Frame(const std::string& message, const std::string& trailer 
 
 class FrameMsg : public KVT::CSocketMsg {
  public:
-  explicit FrameMsg(bool pings = false) : pings_(pings) {}
-
   bool refused() const { return refused_; }
-  int parse_calls() const { return parse_calls_; }
   int capacity_for_test() const { return capacity; }
   // The message part as a string ("" when there is none).
   std::string Message() {
@@ -61,14 +58,8 @@ class FrameMsg : public KVT::CSocketMsg {
 
  protected:
   int ParseHeader(int* message, int* header, int* trailer) override {
-    ++parse_calls_;
     refused_ = false;
     const char* packet = GetPacket();
-    if (pings_ && GetRecvSize() >= 1 && packet[0] == '!') {
-      *message = *trailer = 0;
-      *header = 1;
-      return 1;  // This message is the ping alone, whatever follows it in the chunk.
-    }
     if (GetRecvSize() < kFrameHeaderBytes) return 0;
     const std::int64_t declared_message = GetLittleEndian32(packet);
     const std::int64_t declared_trailer = GetLittleEndian32(packet + 4);
@@ -85,37 +76,24 @@ class FrameMsg : public KVT::CSocketMsg {
   }
 
  private:
-  bool pings_;
   bool refused_ = false;
-  int parse_calls_ = 0;
 };
 
 // A receiver of FrameMsg objects, which it owns.
 class FrameReceiver : public KVT::CSocketMsgReceiver {
  public:
-  explicit FrameReceiver(bool pings = false) : pings_(pings) {}
-
-  using CSocketMsgReceiver::LockQueue;
-  using CSocketMsgReceiver::Pop;
-  using CSocketMsgReceiver::Push;
-  using CSocketMsgReceiver::UnlockQueue;
-
   FrameMsg* Current() { return static_cast<FrameMsg*>(current); }
   FrameMsg* PopFrame() { return static_cast<FrameMsg*>(Pop()); }
   // The message under assembly has a header that ParseHeader refused.
   bool Refused() { return current != nullptr && Current()->refused(); }
-  // Forgets the message under assembly, for a fresh connection.
-  void DropCurrent() { if (current != nullptr) current->Reset(); }
-  size_t created() const { return messages_.size(); }
 
  protected:
   KVT::CSocketMsg* CreateMessage() override {
-    messages_.push_back(std::make_unique<FrameMsg>(pings_));
+    messages_.push_back(std::make_unique<FrameMsg>());
     return messages_.back().get();
   }
 
  private:
-  bool pings_;
   std::vector<std::unique_ptr<FrameMsg>> messages_;
 };
 

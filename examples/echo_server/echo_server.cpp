@@ -1,6 +1,6 @@
 // An echo server on TernCoreLib's sockets. Messages are framed with a 4-byte little-endian
-// length (examples/common/length_frame.h); the server answers each one with a frame that holds "echo: " and the message. A
-// message "quit" ends the server. Any TCP client can drive it; see the README.
+// length (CLengthMsgReceiver); the server answers each one with a frame that holds "echo: " and
+// the message. A message "quit" ends the server. Any TCP client can drive it; see the README.
 //
 //   tern_echo_server.exe [port]      (default 5555; listens on 127.0.0.1)
 #include <cstdio>
@@ -15,16 +15,17 @@
 
 namespace {
 
-constexpr std::uint32_t kMaxMessage = 1 << 20;  // Larger lengths are refused: the connection ends.
+constexpr int kMaxMessage = 1 << 20;  // Larger lengths are refused: the connection ends.
 constexpr DWORD kPatienceMs = 5000;
 
 HANDLE g_quit = nullptr;  // Set by "quit" or Ctrl+C.
 
-// One connection: the client socket over the accepted handle and its messages. Everything
-// happens on the receive thread, so popped messages can't be reused under our feet.
-class Session : public KVT::ISOReceiver {
+// One connection: the client socket over the accepted handle, whose stream the session frames.
+// Everything happens on the receive thread.
+class Session : public KVT::CLengthMsgReceiver {
  public:
-  Session(unsigned int accepted, int number) : socket_(this, accepted, 0), number_(number) {}
+  Session(unsigned int accepted, int number)
+      : CLengthMsgReceiver(kMaxMessage), socket_(this, accepted, 0), number_(number) {}
   ~Session() {
     stop_ = true;
     socket_.Shutdown();
@@ -33,30 +34,25 @@ class Session : public KVT::ISOReceiver {
   bool Start() { return socket_.Receive(0) != nullptr; }
 
   bool IsStopping() override { return stop_; }
-  bool OnReceive(KVT::CClientSocket* socket, void* data, int length) override {
-    messages_.AddMessage(data, length);
-    if (messages_.Refused()) {
-      std::printf("[%d] a header declares more than %u bytes: closing\n", number_,
-                  static_cast<unsigned>(kMaxMessage));
-      // Ending the loop alone would leave the connection open; Shutdown closes it, so the client
-      // sees the end of the stream at once.
-      socket->Shutdown();
-      return false;
-    }
-    while (KVT::CSocketMsg* message = messages_.Pop()) {
-      const std::string text = tern_example::LengthFrames::Text(message);
-      std::printf("[%d] got %d bytes: %.60s\n", number_, message->GetMsgLength(), text.c_str());
-      std::string answer;
-      tern_example::AppendFrame(answer, "echo: " + text);
-      if (!tern_example::SendAll(*socket, answer)) return false;
-      if (text == "quit") ::SetEvent(g_quit);
-    }
+
+ protected:
+  bool OnMessage(KVT::CClientSocket* socket, char* message, int length) override {
+    const std::string text(message, static_cast<std::size_t>(length));
+    std::printf("[%d] got %d bytes: %.60s\n", number_, length, text.c_str());
+    std::string answer;
+    tern_example::AppendFrame(answer, "echo: " + text);
+    if (!tern_example::SendAll(*socket, answer)) return false;
+    if (text == "quit") ::SetEvent(g_quit);
     return true;
+  }
+  // The receiver shuts the connection after this, so that the client sees the end of the stream.
+  void OnRefused(KVT::CClientSocket* socket) override {
+    std::printf("[%d] a header declares more than %d bytes: closing\n", number_, kMaxMessage);
+    CLengthMsgReceiver::OnRefused(socket);
   }
 
  private:
   volatile bool stop_ = false;
-  tern_example::LengthFrames messages_{kMaxMessage};
   KVT::CClientSocket socket_;
   int number_;
 };

@@ -91,6 +91,11 @@ bool ReadFolders(KVT::CXMLTag* root, Config* config, std::string* error) {
     folder.root.assign(full, length);
     // "C:\" keeps its separator; any other root loses a trailing one.
     if (folder.root.size() > 3 && folder.root.back() == L'\\') folder.root.pop_back();
+    const KVT::ScopedHandle handle(OpenToAsk(folder.root));
+    if (!handle.IsValid() || !FinalPath(handle.Get(), &folder.final_root)) {
+      *error = "the folder \"" + folder.name + "\" can't be opened: " + WideToUtf8(path);
+      return false;
+    }
     config->folders.push_back(folder);
   }
   if (config->folders.empty()) *error = "no <Folder> is configured";

@@ -60,7 +60,41 @@ long long FileSize(const Data& data) {
   return static_cast<long long>(data.nFileSizeHigh) << 32 | data.nFileSizeLow;
 }
 
+// The final path and the root's come from the same call over the same file system's names, so a
+// folder inside has the root's text exactly, case included; comparing without regard to case
+// would let a root "tree" reach a sibling "Tree" on a file system that tells them apart.
+bool IsBelow(const std::wstring& path, const std::wstring& root) {
+  return path.compare(0, root.size(), root) == 0 &&
+         (path.size() == root.size() || root.back() == L'\\' || path[root.size()] == L'\\');
+}
+
 }  // namespace
+
+bool FinalPath(HANDLE handle, std::wstring* path) {
+  path->resize(std::max<std::size_t>(path->capacity(), MAX_PATH));
+  for (;;) {
+    // The size given counts the terminator; a result below it is the length written, one at or
+    // above it the size needed.
+    const DWORD length = ::GetFinalPathNameByHandleW(handle, &(*path)[0],
+                                                     static_cast<DWORD>(path->size()),
+                                                     FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    if (length == 0) break;
+    if (length < path->size()) {
+      path->resize(length);
+      return true;
+    }
+    if (length > 0x8000) break;  // Longer than any path the system makes.
+    path->resize(length);
+  }
+  path->clear();
+  return false;
+}
+
+HANDLE OpenToAsk(const std::wstring& path) {
+  return ::CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+}
 
 bool Utf8ToWide(const std::string& text, std::wstring* wide) {
   wide->clear();
@@ -140,6 +174,7 @@ const char* ParseRequest(const std::string& text, const std::vector<Folder>& fol
 }
 
 struct Searcher::Walk {
+  const std::wstring& final_root;
   std::string& frames;
   const Flush& flush;
   const std::atomic<bool>& stopping;
@@ -151,10 +186,11 @@ struct Searcher::Walk {
 void Searcher::Find(const Request& request, std::string& frames, const Flush& flush,
                     const std::atomic<bool>& stopping) {
   query_.SetTerm(request.term.c_str(), 0, (request.flags & 1) != 0);
-  Walk walk{frames, flush, stopping, request.flags, 0, false};
+  Walk walk{request.folder->final_root, frames, flush, stopping, request.flags, 0, false};
 
   // Every step of the way must exist, and none may be a reparse point, which could lead out of
-  // the folder; the folder's own root may be one, as its owner chose it.
+  // the folder; the folder's own root may be one, as its owner chose it. Where the file or
+  // folder really is, is asked of its handle once it is open (IsInside).
   std::wstring path = request.folder->root;
   WIN32_FILE_ATTRIBUTE_DATA data;
   const char* refusal = nullptr;
@@ -172,26 +208,35 @@ void Searcher::Find(const Request& request, std::string& frames, const Flush& fl
     }
   }
   if (refusal == nullptr) {
-    if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-      SearchFolder(path, request.path, walk);
-    } else if (!SearchFile(path, FileSize(data), request.path, walk)) {
-      refusal = "unreadable";
-    }
+    const Outcome outcome = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+                                ? SearchFolder(path, request.path, walk)
+                                : SearchFile(path, FileSize(data), request.path, walk);
+    if (outcome == Outcome::kOutside) refusal = kRefused;
+    if (outcome == Outcome::kUnreadable) refusal = "unreadable";
   }
   tern_example::AppendFrame(frames, refusal != nullptr ? std::string("ERR ") + refusal
                                                        : "END " + std::to_string(walk.rows));
 }
 
-bool Searcher::SearchFile(const std::wstring& file, long long size, const std::string& path,
-                          Walk& walk) {
-  // The size comes from the directory entry, which saves a call per file; the search reads what
-  // the file holds when it is opened, and the buffer never reads past what it was given.
-  if (size > kMaxFileBytes) return false;
+// A name can lead elsewhere than its place in the folder says: under Wine a link to a file is no
+// reparse point, and a folder may be reached by ways that no attribute shows. So whatever is
+// opened is asked where it really is, with the handle that is opened anyway: one call more per
+// file, and the check holds for exactly what is read, whatever changes on the way.
+bool Searcher::IsInside(HANDLE handle, const std::wstring& final_root) {
+  return FinalPath(handle, &final_path_) && IsBelow(final_path_, final_root);
+}
+
+Searcher::Outcome Searcher::SearchFile(const std::wstring& file, long long size,
+                                       const std::string& path, Walk& walk) {
   KVT::ScopedHandle handle(::CreateFileW(file.c_str(), GENERIC_READ,
                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                          nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN,
                                          nullptr));
-  if (!handle.IsValid()) return false;
+  if (!handle.IsValid()) return Outcome::kUnreadable;
+  if (!IsInside(handle.Get(), walk.final_root)) return Outcome::kOutside;
+  // The size comes from the directory entry, which saves a call per file; the search reads what
+  // the file holds when it is opened, and the buffer never reads past what it was given.
+  if (size > kMaxFileBytes) return Outcome::kUnreadable;
   // Only `found` tells this file's results: a search that finds nothing because the file is
   // shorter than the term leaves the table of the previous file in place.
   const unsigned long found = buffer_.Search(handle.Get(), walk.flags, query_, nullptr, nullptr);
@@ -213,10 +258,18 @@ bool Searcher::SearchFile(const std::wstring& file, long long size, const std::s
       walk.frames.clear();
     }
   }
-  return true;
+  return Outcome::kSearched;
 }
 
-void Searcher::SearchFolder(const std::wstring& folder, const std::string& path, Walk& walk) {
+Searcher::Outcome Searcher::SearchFolder(const std::wstring& folder, const std::string& path,
+                                         Walk& walk) {
+  {
+    // A folder outside is not walked at all. Should it be swapped for another after this check,
+    // every file and folder below is still checked as it is opened.
+    const KVT::ScopedHandle handle(OpenToAsk(folder));
+    if (!handle.IsValid()) return Outcome::kSearched;  // Unreadable: nothing to show.
+    if (!IsInside(handle.Get(), walk.final_root)) return Outcome::kOutside;
+  }
   struct Entry {
     std::wstring name;
     DWORD attributes;
@@ -227,7 +280,7 @@ void Searcher::SearchFolder(const std::wstring& folder, const std::string& path,
   WIN32_FIND_DATAW data;
   ScopedFind find(::FindFirstFileExW((folder + L"\\*").c_str(), FindExInfoBasic, &data,
                                      FindExSearchNameMatch, nullptr, FIND_FIRST_EX_LARGE_FETCH));
-  if (!find.IsValid()) return;  // Empty, or unreadable: nothing to show.
+  if (!find.IsValid()) return Outcome::kSearched;  // Empty, or unreadable: nothing to show.
   do {
     const std::wstring name = data.cFileName;
     if (name != L"." && name != L"..") entries.push_back({name, data.dwFileAttributes, FileSize(data)});
@@ -244,6 +297,7 @@ void Searcher::SearchFolder(const std::wstring& folder, const std::string& path,
       SearchFile(full, entry.size, shown, walk);
     }
   }
+  return Outcome::kSearched;
 }
 
 }  // namespace search_server

@@ -1,10 +1,11 @@
 // Connections and workers.
 //
 // Each connection is a Session: a CClientSocket whose receive thread cuts the stream into
-// request frames (LengthFrames) and queues them on the session. A session with queued requests
-// waits in the Dispatcher's queue, from which the workers take it, answer its oldest request and
-// put it back if more are waiting: one request of a connection at a time, so that its answers
-// keep the order of its requests, while different connections are served side by side.
+// request frames (the session is its CLengthMsgReceiver) and queues them on the session. A
+// session with queued requests waits in the Dispatcher's queue, from which the workers take it,
+// answer its oldest request and put it back if more are waiting: one request of a connection at
+// a time, so that its answers keep the order of its requests, while different connections are
+// served side by side.
 #include <cstdio>
 #include <cwchar>
 #include <deque>
@@ -117,10 +118,12 @@ class Dispatcher {
   std::vector<KVT::ScopedHandle> threads_;
 };
 
-class Session : public KVT::ISOReceiver, public std::enable_shared_from_this<Session> {
+class Session : public KVT::CLengthMsgReceiver, public std::enable_shared_from_this<Session> {
  public:
   Session(Dispatcher& dispatcher, unsigned int accepted)
-      : dispatcher_(dispatcher), socket_(this, accepted, 0) {}
+      : CLengthMsgReceiver(kMaxRequestBytes),
+        dispatcher_(dispatcher),
+        socket_(this, accepted, 0) {}
   // The order the socket classes want: stop, shut down, wait, destroy.
   ~Session() {
     stop_ = true;
@@ -131,18 +134,6 @@ class Session : public KVT::ISOReceiver, public std::enable_shared_from_this<Ses
   bool Start() { return socket_.Receive(0) != nullptr; }
 
   bool IsStopping() override { return stop_ || dispatcher_.Stopping(); }
-  bool OnReceive(KVT::CClientSocket*, void* data, int length) override {
-    frames_.AddMessage(data, length);
-    while (KVT::CSocketMsg* frame = frames_.Pop()) {
-      if (!Enqueue({tern_example::LengthFrames::Text(frame)})) return false;
-    }
-    if (frames_.Refused()) {
-      // Nothing behind a refused header can be trusted: answer, close, read no more.
-      Enqueue({std::string(), "request too large"});
-      return false;
-    }
-    return true;
-  }
 
   // Worker side. Take gives the oldest request; Finish, once it is answered, removes it and
   // says whether the session must go back into the queue for the next one.
@@ -195,6 +186,15 @@ class Session : public KVT::ISOReceiver, public std::enable_shared_from_this<Ses
 
   bool FromLoopback() { return std::wcsncmp(socket_.GetIPAddress(), L"127.", 4) == 0; }
 
+ protected:
+  // Receive side, on the receive thread: the frame becomes a request in the session's queue.
+  bool OnMessage(KVT::CClientSocket*, char* message, int length) override {
+    return Enqueue({std::string(message, static_cast<std::size_t>(length))});
+  }
+  // Nothing behind a refused header can be trusted: the worker answers, then closes; the
+  // receive loop reads no more.
+  void OnRefused(KVT::CClientSocket*) override { Enqueue({std::string(), "request too large"}); }
+
  private:
   // Receive side: false once the connection takes no more requests. A close item is the last
   // that a connection queues; one beyond kMaxPendingRequests becomes such an item.
@@ -223,7 +223,6 @@ class Session : public KVT::ISOReceiver, public std::enable_shared_from_this<Ses
   bool scheduled_ = false;  // In the dispatcher's queue or in a worker's hands.
   bool closed_ = false;      // Takes no more requests.
   std::atomic<bool> stop_{false};
-  tern_example::LengthFrames frames_{kMaxRequestBytes};
   KVT::CClientSocket socket_;
 };
 

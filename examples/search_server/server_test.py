@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Drives tern_search_server from the Linux side and checks every answer against a reference
-search in Python: 8 clients with 200 requests each (valid ones, and refused ones after which the
-connection must stay usable), hostile frame headers that must be answered and closed, then a STOP
-after which the server must exit cleanly within 5 seconds.
+search in Python: links out of a served folder, 8 clients with 200 requests each (valid ones,
+and refused ones after which the connection must stay usable), hostile frame headers that must
+be answered and closed, then a STOP after which the server must exit cleanly within 5 seconds.
 
 usage: server_test.py WINE_RUN SERVER_EXE TREE VERSION
 """
@@ -161,6 +161,45 @@ def run_hostile(address, failures):
             failures.append("a request of %d bytes was not answered" % MAX_REQUEST)
 
 
+# Links made at run time in a folder "links", to files and folders outside it: absolute and
+# relative, chains of two, into a folder "Links" beside it (inside only if names were compared
+# without regard to case) and to a file "links.txt" (whose path begins with the folder's), and one
+# link to a file inside. Each path with the rows of "line" in it, or None where the answer is
+# "path refused"; no outside byte may come back.
+LINKS = [("file_abs", "$TOP/Links/secret.txt"), ("chain", "file_abs"), ("dir_abs", "$TOP/Links"),
+         ("sub/file_rel", "../../links.txt"), ("sub/dir_rel", "../../Links"),
+         ("sub/dir_chain", "../dir_abs"), ("sub/same", "../inside.txt")]
+INSIDE = [b"links/inside.txt:1:a line inside", b"links/sub/same:1:a line inside"]
+LINK_CASES = [("links/" + name, None) for name, _ in LINKS[:-1]] + [
+    ("links/dir_abs/secret.txt", None), ("links/sub/dir_rel/secret.txt", None),
+    ("links", INSIDE), ("links/sub", INSIDE[1:]), ("links/sub/same", INSIDE[1:])]
+
+
+def make_links(top):
+    links = os.path.join(top, "links")
+    os.makedirs(os.path.join(top, "Links"))
+    os.makedirs(os.path.join(links, "sub"))
+    for name, text in (("Links/secret.txt", b"SECRET line outside\n"),
+                       ("links.txt", b"SECRET line beside\n"),
+                       ("links/inside.txt", b"a line inside\n")):
+        with open(os.path.join(top, name), "wb") as f:
+            f.write(text)
+    for name, target in LINKS:
+        os.symlink(target.replace("$TOP", top), os.path.join(links, name))
+    return links
+
+
+def check_links(address, failures):
+    with Client(*address) as client:
+        for path, rows in LINK_CASES:
+            for flags, term in (("-", b"line"), ("i", b"secret")):
+                want = ([], b"ERR path refused") if rows is None else (
+                    (rows, b"END %d" % len(rows)) if term == b"line" else ([], b"END 0"))
+                got = client.find(flags, path, term)
+                if got != want:
+                    failures.append("%s %r: got %r, expected %r" % (path, term, got, want))
+
+
 def start_server(wine_run, exe, config_text, workdir):
     config = os.path.join(workdir, "config.xml")
     with open(config, "w", encoding="utf-8") as f:
@@ -206,7 +245,8 @@ def main():
         config = ('<?xml version="1.0" encoding="UTF-8"?>\n<SearchServer>\n'
                   '  <Listen address="127.0.0.1" port="%d"/>\n  <Workers count="4"/>\n'
                   % port + "".join('  <Folder name="%s" path="%s"/>\n' % (name, windows(path))
-                                   for name, path in folders.items()) + "</SearchServer>\n")
+                                   for name, path in dict(folders, links=make_links(workdir))
+                                   .items()) + "</SearchServer>\n")
         server = start_server(wine_run, exe, config, workdir)
         try:
             address = ("127.0.0.1", port)
@@ -220,6 +260,7 @@ def main():
                         print("the server did not come up:", server.communicate(timeout=10))
                         return 1
                     time.sleep(0.2)
+            check_links(address, failures)
             threads = [threading.Thread(target=run_client, args=(n, address, folders, failures))
                        for n in range(CLIENTS)]
             threads.append(threading.Thread(target=run_hostile, args=(address, failures)))

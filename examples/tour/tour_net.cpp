@@ -1,6 +1,6 @@
 // Talking over TCP: the road of one message. A CServerSocket accepts on its thread, a
-// CClientSocket over the accepted handle receives on another, OnReceive feeds a
-// CSocketMsgReceiver, and the main thread pops the message and answers it.
+// CClientSocket over the accepted handle receives on another and hands each chunk to a
+// CLengthMsgReceiver, which frames it and hands the message on; the main thread answers it.
 #include "examples/tour/tour.h"
 
 #include <cstdio>
@@ -16,51 +16,44 @@ namespace {
 
 constexpr DWORD kPatienceMs = 5000;  // Nothing in this tour should take nearly that long.
 
-// The wire format: a 4-byte little-endian length, then the message.
-class LengthMsg : public KVT::CSocketMsg {
+// The receiving side of the connection: the library's framing by a 4-byte little-endian length,
+// with a word at each step.
+class Messages : public KVT::CLengthMsgReceiver {
  public:
-  int Process(void*) override { return 0; }
+  Messages() : CLengthMsgReceiver(1024), arrived_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
 
- protected:
-  int ParseHeader(int* msgLength, int* headerSize, int* trailerSize) override {
-    if (GetRecvSize() < 4) {
-      std::printf("  5. ParseHeader: %d bytes so far, the header is not complete\n",
-                  GetRecvSize());
-      return 0;
+  bool IsStopping() override { return false; }
+  bool OnReceive(KVT::CClientSocket* socket, void* data, int length) override {
+    std::printf("  4. OnReceive: a chunk of %d bytes in the socket's buffer\n", length);
+    const bool more = CLengthMsgReceiver::OnReceive(socket, data, length);
+    if (current != nullptr && current->GetPacketSize() < 0) {
+      std::printf("  5. AddMessage: %d bytes so far, the header is not complete\n",
+                  current->GetRecvSize());
     }
-    const auto* bytes = reinterpret_cast<const unsigned char*>(GetPacket());
-    const int length = bytes[0] | bytes[1] << 8 | bytes[2] << 16 | (bytes[3] & 0x7F) << 24;
-    *msgLength = length;
-    *headerSize = 4;
-    *trailerSize = 0;
-    std::printf("  5. ParseHeader: header 4 bytes, message %d bytes, no trailer\n", length);
-    return 0;
+    return more;
   }
-};
 
-class Messages : public KVT::CSocketMsgReceiver {
- public:
-  using CSocketMsgReceiver::LockQueue;
-  using CSocketMsgReceiver::Pop;
-  using CSocketMsgReceiver::UnlockQueue;
+  bool WaitForMessage() { return ::WaitForSingleObject(arrived_.Get(), kPatienceMs) == 0; }
+  std::string text;  // The message, once arrived.
 
  protected:
-  KVT::CSocketMsg* CreateMessage() override {
-    std::printf("     CreateMessage: a new message object\n");
-    message_ = std::make_unique<LengthMsg>();
-    return message_.get();
+  bool OnMessage(KVT::CClientSocket*, char* message, int length) override {
+    std::printf("  5. AddMessage: the header says %d bytes, and they are all here\n", length);
+    text.assign(message, static_cast<size_t>(length));
+    std::printf("  6. OnMessage: \"%s\", popped from the queue on the receive thread (the\n"
+                "     message object waits for reuse)\n", text.c_str());
+    ::SetEvent(arrived_.Get());
+    return true;
   }
 
  private:
-  std::unique_ptr<LengthMsg> message_;  // One is enough for this tour.
+  KVT::ScopedHandle arrived_;
 };
 
 // The server side: the listener, and the receiver of the one connection.
-class Server : public KVT::ISOListener, public KVT::ISOReceiver {
+class Server : public KVT::ISOListener {
  public:
-  Server()
-      : listening_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)),
-        arrived_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+  Server() : listening_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
   ~Server() {
     if (connection_ != nullptr) {
       connection_->Shutdown();
@@ -77,7 +70,7 @@ class Server : public KVT::ISOListener, public KVT::ISOReceiver {
   }
   bool OnAccept(KVT::CServerSocket*, unsigned int accepted) override {
     std::printf("  3. OnAccept: a connection, with SO_DONTLINGER set; the handle is ours now\n");
-    connection_ = std::make_unique<KVT::CClientSocket>(this, accepted, 0);
+    connection_ = std::make_unique<KVT::CClientSocket>(&messages, accepted, 0);
     std::printf("     CClientSocket over it (peer %ls) starts its receive thread\n",
                 connection_->GetIPAddress());
     if (connection_->Receive(0) == nullptr) std::printf("     ...which failed\n");
@@ -86,19 +79,6 @@ class Server : public KVT::ISOListener, public KVT::ISOReceiver {
   bool OnError(KVT::CServerSocket*, int error) override {
     std::printf("  OnError: %ls\n", KVT::CSocketUtil::PrintSocketError(error));
     ::SetEvent(listening_.Get());
-    ::SetEvent(arrived_.Get());
-    return true;
-  }
-
-  // ISOReceiver, on the receive thread.
-  bool OnReceive(KVT::CClientSocket*, void* data, int length) override {
-    std::printf("  4. OnReceive: a chunk of %d bytes in the socket's buffer\n", length);
-    const bool pushed = messages.AddMessage(data, length);
-    if (pushed) {
-      std::printf("  6. AddMessage: the packet is complete and queued (%d ready)\n",
-                  messages.GetQueueSize());
-      ::SetEvent(arrived_.Get());
-    }
     return true;
   }
 
@@ -106,7 +86,6 @@ class Server : public KVT::ISOListener, public KVT::ISOReceiver {
   bool WaitForListening() {
     return ::WaitForSingleObject(listening_.Get(), kPatienceMs) == 0;
   }
-  bool WaitForMessage() { return ::WaitForSingleObject(arrived_.Get(), kPatienceMs) == 0; }
   KVT::CClientSocket* connection() { return connection_.get(); }
 
   Messages messages;
@@ -114,13 +93,12 @@ class Server : public KVT::ISOListener, public KVT::ISOReceiver {
  private:
   volatile bool stop_ = false;
   KVT::ScopedHandle listening_;
-  KVT::ScopedHandle arrived_;
   std::unique_ptr<KVT::CClientSocket> connection_;
 };
 
 std::string FrameOf(const std::string& text) {
-  std::string frame(4, '\0');
-  for (int i = 0; i < 4; ++i) frame[i] = static_cast<char>(text.size() >> (8 * i));
+  std::string frame(KVT::CLengthMsg::HeaderSize, '\0');
+  KVT::CLengthMsg::WriteHeader(&frame[0], static_cast<unsigned int>(text.size()));
   return frame + text;
 }
 
@@ -165,19 +143,7 @@ bool RunRoad() {
   ::Sleep(50);
   ok = ok && ::send(client.Get(), frame.data() + 2, static_cast<int>(frame.size() - 2), 0) ==
                  static_cast<int>(frame.size() - 2);
-  ok = ok && side.WaitForMessage();
-
-  // The consumer: holding the queue lock while reading, so that the message can't be reused.
-  side.messages.LockQueue();
-  KVT::CSocketMsg* message = side.messages.Pop();
-  std::string text;
-  if (message != nullptr && message->GetMsg() != nullptr) {
-    text.assign(message->GetMsg(), static_cast<size_t>(message->GetMsgLength()));
-    std::printf("     Pop: \"%s\" (packet %d bytes; the message object waits for reuse)\n",
-                text.c_str(), message->GetPacketSize());
-  }
-  side.messages.UnlockQueue();
-  ok = ok && text == "Hello, TernCoreLib";
+  ok = ok && side.messages.WaitForMessage() && side.messages.text == "Hello, TernCoreLib";
 
   const std::string answer = FrameOf("Hello yourself");
   ok = ok && side.connection() != nullptr &&
