@@ -637,32 +637,59 @@ TEST_P(SearchKernelSets, ScanMatchesTheReference) {
 }
 
 // Occurrences at every offset around a stretch boundary, with a line feed on the boundary and
-// word characters or delimiters beside them, for stretches of a few characters and the scan's own.
+// word characters or delimiters beside them, in stretches of a few characters; then, in the
+// scan's own stretches, around the end of a first long one that holds many results (which the
+// kernel counts lines in) and of the short one after it (where the lines are counted behind it).
 template <typename T>
 void CheckStretchBoundaries(const KernelSet& set) {
   const std::basic_string<T> terms[] = {search_test::Widen<T>("ab"),
                                         search_test::Widen<T>("abcab"),
                                         std::basic_string<T>(40, T('a')) + T('b')};
-  for (std::uint32_t stretch : {5u, 64u, 0u}) {
-    const std::uint32_t s = stretch != 0 ? stretch : 16384 / sizeof(T);
+  auto check = [&](const std::basic_string<T>& text, const std::basic_string<T>& term,
+                   std::uint32_t stretch) {
+    for (unsigned long flags = 0; flags < 4; ++flags) {
+      SCOPED_TRACE(testing::Message() << "stretch " << stretch << " m " << term.size()
+                                      << " flags " << flags);
+      ASSERT_EQ(search_test::NaiveSearch(text, term, flags, T('\n')),
+                Scan(text, Query(term.c_str(), true), flags, T('\n'), Forced(set, stretch)));
+    }
+  };
+  // Puts `term` ending d - 1 characters past `boundary`, a line feed on it, and a word character
+  // or a delimiter on either side of the term.
+  auto place = [](std::basic_string<T>& text, const std::basic_string<T>& term,
+                  std::uint32_t boundary, std::uint32_t d) {
+    const auto m = static_cast<std::uint32_t>(term.size());
+    const std::uint32_t at = boundary + d - m - 1;
+    text.replace(at, m, term);
+    text[boundary] = T('\n');
+    text[at - 1] = d % 2 ? T(' ') : T('y');
+    if (at + m < text.size()) text[at + m] = d % 3 ? T('.') : T('z');
+  };
+  for (std::uint32_t s : {5u, 64u}) {
     for (const std::basic_string<T>& term : terms) {
       const auto m = static_cast<std::uint32_t>(term.size());
       const std::uint32_t boundary = s * ((m + 1 + s) / s);  // A stretch's end past m + 1.
       for (std::uint32_t d = 0; d <= 2 * m + 2; ++d) {
         std::basic_string<T> text(2 * boundary + s + m + 2, T('x'));
-        const std::uint32_t at = boundary + d - m - 1;
-        text.replace(at, m, term);
-        text[boundary] = T('\n');
-        text[at - 1] = d % 2 ? T(' ') : T('y');
-        if (at + m < text.size()) text[at + m] = d % 3 ? T('.') : T('z');
+        place(text, term, boundary, d);
         text.replace(2 * boundary - m / 2, m, term);
-        for (unsigned long flags = 0; flags < 4; ++flags) {
-          SCOPED_TRACE(testing::Message() << "stretch " << s << " m " << m << " at " << at
-                                          << " flags " << flags);
-          ASSERT_EQ(search_test::NaiveSearch(text, term, flags, T('\n')),
-                    Scan(text, Query(term.c_str(), true), flags, T('\n'), Forced(set, stretch)));
-        }
+        check(text, term, s);
+        if (::testing::Test::HasFatalFailure()) return;
       }
+    }
+  }
+  const std::uint32_t census = KVT::search_internal::kCensusStretchBytes / sizeof(T);
+  const std::uint32_t cached = KVT::search_internal::kCachedStretchBytes / sizeof(T);
+  for (const std::basic_string<T>& term : {terms[0], terms[1]}) {
+    const auto m = static_cast<std::uint32_t>(term.size());
+    for (std::uint32_t d : {0u, 1u, m, m + 1, 2 * m + 2}) {
+      std::basic_string<T> text;
+      while (text.size() < census + cached) text += T('q') + term + T(' ');
+      text.resize(census + 2 * cached, T('x'));
+      place(text, term, census, d);
+      place(text, term, census + cached, d);
+      check(text, term, 0);
+      if (::testing::Test::HasFatalFailure()) return;
     }
   }
 }

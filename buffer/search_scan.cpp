@@ -11,9 +11,11 @@ namespace KVT {
 namespace search_internal {
 namespace {
 
-// The scan filters a stretch of this many bytes, then counts the lines of the stretch while it is
-// still in the first-level cache, so that the text crosses the memory bus once.
-constexpr std::uint32_t kStretchBytes = 16 * 1024;
+// The stretches of a scan, in characters.
+struct Stretches {
+  std::uint32_t census;
+  std::uint32_t cached;
+};
 
 // Positions taken from the kernel per call.
 constexpr std::uint32_t kBatch = 64;
@@ -109,7 +111,7 @@ class WideCaselessGuard {
 // few results: the common case of a rare term), or else by the line kernel, up to each result and
 // then over the rest of the stretch, right after the kernel has brought it in.
 template <typename T, typename Guard>
-std::uint32_t GreedyScan(const Needle<T>& needle, bool whole_words, std::uint32_t stretch,
+std::uint32_t GreedyScan(const Needle<T>& needle, bool whole_words, Stretches stretches,
                          const ScanKernels<T>& kernels, Guard& guard, LineCounter<T>& lines,
                          ResultBatch& out) {
   // Stretches with at most this many results have their lines counted by the find kernel.
@@ -123,6 +125,7 @@ std::uint32_t GreedyScan(const Needle<T>& needle, bool whole_words, std::uint32_
   std::uint32_t next = 0;  // The first position not examined yet.
   bool kernel_counts = true;
   while (next <= last_pos) {
+    const std::uint32_t stretch = kernel_counts ? stretches.census : stretches.cached;
     const std::uint32_t to = last_pos - next < stretch ? last_pos : next + stretch - 1;
     lines.CountTo(next);  // What the last occurrence of the stretch before reached past it.
     const std::uint32_t line_before = lines.line();
@@ -175,8 +178,9 @@ bool SafeForValueScan(const T* term, std::uint32_t m, const unsigned short* tabl
 }
 
 template <typename T>
-std::uint32_t StretchOf(const ScanTuning& tuning) {
-  return tuning.stretch != 0 ? tuning.stretch : kStretchBytes / sizeof(T);
+Stretches StretchesOf(const ScanTuning& tuning) {
+  if (tuning.stretch != 0) return Stretches{tuning.stretch, tuning.stretch};
+  return Stretches{kCensusStretchBytes / sizeof(T), kCachedStretchBytes / sizeof(T)};
 }
 
 // The greedy route of a caseless search over the sets that Prepare made for `query`, guarded
@@ -189,10 +193,10 @@ std::uint32_t ClassSetRoute(const T* text, std::uint32_t n, const CSearchQuery<T
   const Needle<T> needle = sets.MakeNeedle(text, n);
   if constexpr (sizeof(T) == 1) {
     NoGuard guard;
-    return GreedyScan(needle, whole_words, StretchOf<T>(tuning), set.narrow, guard, lines, out);
+    return GreedyScan(needle, whole_words, StretchesOf<T>(tuning), set.narrow, guard, lines, out);
   } else {
     WideCaselessGuard guard(text, n, query, whole_words, sets, set.find_high);
-    return GreedyScan(needle, whole_words, StretchOf<T>(tuning), set.wide, guard, lines, out);
+    return GreedyScan(needle, whole_words, StretchesOf<T>(tuning), set.wide, guard, lines, out);
   }
 }
 
@@ -275,7 +279,7 @@ std::uint32_t ScanText(const T* text, int n, const CSearchQuery<T>& query, unsig
   }
   const ValueNeedle<T> needle(text, un, query.term, um);
   NoGuard guard;
-  return GreedyScan(needle.needle(), whole_words, StretchOf<T>(tuning), kernels, guard, lines,
+  return GreedyScan(needle.needle(), whole_words, StretchesOf<T>(tuning), kernels, guard, lines,
                     out);
 }
 

@@ -53,6 +53,12 @@ inline const ScanKernels<char>& KernelsOf(const KernelSet& set) { return set.nar
 template <>
 inline const ScanKernels<wchar_t>& KernelsOf(const KernelSet& set) { return set.wide; }
 
+// The text goes by in stretches (see GreedyScan in search_scan.cpp). Where the find kernel counts
+// a stretch's lines as it filters it, a stretch is long, so that the calls cost little; where the
+// lines are counted behind the kernel, a stretch stays in the first-level cache until they are.
+constexpr std::uint32_t kCensusStretchBytes = 256 * 1024;
+constexpr std::uint32_t kCachedStretchBytes = 16 * 1024;
+
 // What a search may be told besides its arguments, for the tests and the benchmarks.
 struct ScanTuning {
   // The caseless routes ask the C runtime 256 times per distinct term character before they
@@ -63,9 +69,8 @@ struct ScanTuning {
   std::uint32_t wide_factor = 16;
   // The kernel set; null for the widest that runs here. Tests force each in turn.
   const KernelSet* kernels = nullptr;
-  // Characters filtered before the lines of what was filtered are counted; 0 for the scan's own
-  // stretch, sized to stay in the first-level cache. Tests shorten it to put many stretch
-  // boundaries into short texts.
+  // Characters filtered at a time (see GreedyScan in search_scan.cpp); 0 for the scan's own
+  // stretches. Tests shorten them to put many stretch boundaries into short texts.
   std::uint32_t stretch = 0;
 };
 

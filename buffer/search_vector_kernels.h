@@ -93,58 +93,79 @@ constexpr std::uint32_t kPrefetchBytes = 1024;
 // a time inside find's loop, as the filter's loads bring the text in (and just behind them), so
 // that the text crosses the memory bus once. Finish counts the rest. With kHigh it also ORs the
 // code units together, to tell whether any is above 255.
+// A loop keeps the counters in locals of its own (Resume, Step, Pause), which the compiler holds in
+// registers; it would keep an aggregate, or members reached through a pointer, in memory.
 template <typename Vec, typename T, bool kHigh>
 class Tally {
  public:
   using S = Shape<Vec, T>;
+  using V = typename Vec::V;
   static constexpr bool kActive = true;
-  static constexpr std::uint32_t kRoundVectors = S::kMaskBits / S::kVectorBits;
+  static constexpr bool kTwoVectors = S::kMaskBits / S::kVectorBits == 2;
 
   Tally(const T* text, std::uint32_t from, std::uint32_t end, T delimiter)
-      : text_(text), counted_(from), end_(end), delimiter_(delimiter),
-        needle_(Vec::Splat(delimiter)), ored_(Vec::Zero()) {
-    for (auto& lanes : lanes_) lanes = Vec::Zero();
+      : text_(text), counted_(from), end_(end), delimiter_(delimiter), ored_(Vec::Zero()) {}
+
+  // Where a loop's counting begins (`at`), the last round it may count, and the vector of
+  // delimiters to compare with; the loop keeps them in locals too.
+  struct Cursor {
+    const T* at;
+    const T* last;
+    V delimiters;
+  };
+  TERN_ALWAYS_INLINE Cursor Resume() const {
+    const T* last =
+        end_ - counted_ >= S::kRound ? text_ + end_ - S::kRound : text_ + counted_ - 1;
+    return Cursor{text_ + counted_, last, Vec::Splat(delimiter_)};
   }
 
-  TERN_ALWAYS_INLINE void Step() {
-    if (counted_ + S::kRound > end_) return;
-    TERN_UNROLL
-    for (std::uint32_t v = 0; v < kRoundVectors; ++v) {
-      const typename Vec::V chars = Vec::Load(text_ + counted_ + v * S::kLanes);
-      lanes_[v] = Vec::CountEqual(lanes_[v], Vec::Equal(chars, needle_, T()), T());
-      if constexpr (kHigh) ored_ = Vec::Or(ored_, chars);
+  // Counts the round at cursor.at into counts0 (and counts1, the round's second vector) and ORs it
+  // into `ored`, where the stretch holds it whole.
+  static TERN_ALWAYS_INLINE void Step(const T*& at, const T* last, V delimiters, V& counts0,
+                                      V& counts1, V& ored, std::uint32_t& steps,
+                                      std::uint32_t& total) {
+    if (at > last) return;
+    const V chars0 = Vec::Load(at);
+    counts0 = Vec::CountEqual(counts0, Vec::Equal(chars0, delimiters, T()), T());
+    if constexpr (kHigh) ored = Vec::Or(ored, chars0);
+    if constexpr (kTwoVectors) {
+      const V chars1 = Vec::Load(at + S::kLanes);
+      counts1 = Vec::CountEqual(counts1, Vec::Equal(chars1, delimiters, T()), T());
+      if constexpr (kHigh) ored = Vec::Or(ored, chars1);
     }
-    counted_ += S::kRound;
+    at += S::kRound;
     // A lane gains at most 1 a step, and holds 255 (bytes) or 2^15 - 1 (words, see Sum).
-    if (++steps_ == (sizeof(T) == 1 ? 255 : 32767)) Flush();
+    if (++steps == (sizeof(T) == 1 ? 255 : 32767)) {
+      total += Vec::Sum(counts0, T());
+      if constexpr (kTwoVectors) total += Vec::Sum(counts1, T());
+      counts0 = Vec::Zero();
+      counts1 = Vec::Zero();
+      steps = 0;
+    }
+  }
+
+  // The end of a loop's counting, at `at`, with what it counted.
+  TERN_ALWAYS_INLINE void Pause(const T* at, V counts0, V counts1, V ored, std::uint32_t total) {
+    total_ += total + Vec::Sum(counts0, T());
+    if constexpr (kTwoVectors) total_ += Vec::Sum(counts1, T());
+    ored_ = Vec::Or(ored_, ored);
+    counted_ = static_cast<std::uint32_t>(at - text_);
   }
 
   void Finish(Census<T>* census);
 
  private:
-  void Flush() {
-    for (auto& lanes : lanes_) {
-      total_ += Vec::Sum(lanes, T());
-      lanes = Vec::Zero();
-    }
-    steps_ = 0;
-  }
-
   const T* text_;
-  std::uint32_t counted_;  // Characters before here are in lanes_ or total_ (and ored_).
+  std::uint32_t counted_;  // Characters before here are counted in total_ (and ORed in ored_).
   std::uint32_t end_;
   T delimiter_;
-  typename Vec::V needle_;
-  typename Vec::V lanes_[kRoundVectors];
-  typename Vec::V ored_;
-  std::uint32_t steps_ = 0;
+  V ored_;
   std::uint32_t total_ = 0;
 };
 
 // For a find that counts nothing.
 struct NoTally {
   static constexpr bool kActive = false;
-  void Step() {}
 };
 
 // ScanKernels::find for one shape of filter, from `next` on, adding to out[0 .. count - 1]; gives
@@ -251,35 +272,63 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::u
     const std::uint32_t early =
         static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(text + next + places[0]) %
                                    Vec::kBytes) / sizeof(T);
+    bool full = false;  // out[] is.
     if (next <= limit && early <= next) {
       const std::uint32_t block = next - early;
       Mask mask = round_mask(text + block) & (~Mask{0} << (early * S::kLaneBits));
       next = block + S::kRound;
       if (mask != 0) {
         if (to < next - 1) mask &= S::Low(to + 1 - block);
-        take(block, mask);
+        full = !take(block, mask);
       }
     }
-    while (next <= limit && count < capacity) {
-      const std::uint32_t block = next;
-      // Reads ahead: the loop alone keeps too few loads in flight to read at the memory's speed.
-      Vec::Prefetch(reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(text + block) +
-                                                  kPrefetchBytes));
-      Mask mask = round_mask(text + block);
-      if constexpr (Counter::kActive) tally->Step();
-      next = block + S::kRound;
-      if (mask != 0) {
-        if (to < next - 1) mask &= S::Low(to + 1 - block);
-        if (!take(block, mask)) break;
-        if (misses > max_misses) {
-          if (next > to + 1) next = to + 1;
-          next_io = next;
-          return count;
+    if (!full) {
+      // The tally's counters (see Tally), given back to it around each call of take, so that no
+      // vector register needs to live across a call.
+      V counts0 = Vec::Zero(), counts1 = Vec::Zero(), ored = Vec::Zero(), delimiters{};
+      std::uint32_t steps = 0, total = 0;
+      const T* at = nullptr;
+      const T* last = nullptr;
+      auto resume = [&] {
+        if constexpr (Counter::kActive) {
+          const typename Counter::Cursor cursor = tally->Resume();
+          at = cursor.at;
+          last = cursor.last;
+          delimiters = cursor.delimiters;
+          counts0 = counts1 = ored = Vec::Zero();
+          steps = total = 0;
+        }
+      };
+      auto pause = [&] {
+        if constexpr (Counter::kActive) tally->Pause(at, counts0, counts1, ored, total);
+      };
+      resume();
+      while (next <= limit) {
+        const std::uint32_t block = next;
+        // Reads ahead: the loop alone keeps too few loads in flight to read at the memory's
+        // speed.
+        Vec::Prefetch(reinterpret_cast<const void*>(
+            reinterpret_cast<std::uintptr_t>(text + block) + kPrefetchBytes));
+        Mask mask = round_mask(text + block);
+        if constexpr (Counter::kActive) {
+          Counter::Step(at, last, delimiters, counts0, counts1, ored, steps, total);
+        }
+        next = block + S::kRound;
+        if (mask != 0) {
+          pause();
+          if (to < next - 1) mask &= S::Low(to + 1 - block);
+          if (!take(block, mask)) {
+            full = true;
+            break;
+          }
+          if (misses > max_misses) break;
+          resume();
         }
       }
+      if (!full && misses <= max_misses) pause();
     }
     if (next > to + 1) next = to + 1;
-    if (next <= to && count < capacity) {
+    if (!full && misses <= max_misses && next <= to) {
       // Less than a round before the text's end: the round that ends there, without the
       // positions before `next`.
       const std::uint32_t block = last_block;
@@ -493,7 +542,6 @@ std::uint32_t FindHigh(const wchar_t* p, std::uint32_t count) {
 
 template <typename Vec, typename T, bool kHigh>
 void Tally<Vec, T, kHigh>::Finish(Census<T>* census) {
-  Flush();
   const std::uint32_t rest = end_ - counted_;
   census->delimiters = total_ + CountLines<Vec>(text_ + counted_, rest, delimiter_).count;
   if constexpr (kHigh) {
