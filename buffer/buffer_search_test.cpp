@@ -508,7 +508,7 @@ std::vector<std::uint32_t> NaiveFind(const Needle<T>& needle, std::uint32_t from
 // The kernels alone against references, on random texts placed 0 to 515 characters into their
 // memory: `find` with random needles (filter places and members, one or two forms) over random
 // ranges and capacities, with a census of the stretch or without, `count_lines` over random
-// stretches, `find_high` over wide text.
+// stretches and `lines_at` between random positions, `find_high` over wide text.
 template <typename T>
 void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
   const KVT::search_internal::ScanKernels<T>& kernels = KVT::search_internal::KernelsOf<T>(set);
@@ -531,6 +531,24 @@ void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
     const KVT::search_internal::LineCount got = kernels.count_lines(p + a, b - a, delimiter);
     ASSERT_EQ(lines.count, got.count) << "count_lines over " << a << " .. " << b;
     ASSERT_EQ(lines.behind_last, got.behind_last) << "count_lines over " << a << " .. " << b;
+    {
+      std::uint32_t positions[5];
+      KVT::search_internal::LineCount gaps[5];
+      const std::uint32_t stops = rng() % 6;
+      for (std::uint32_t i = 0; i < stops; ++i) {
+        const std::uint32_t previous = i == 0 ? a : positions[i - 1];
+        positions[i] = previous + rng() % (b - previous + 1);
+      }
+      kernels.lines_at(p, a, positions, stops, delimiter, gaps);
+      for (std::uint32_t i = 0; i < stops; ++i) {
+        KVT::search_internal::LineCount gap{0, 0};
+        for (std::uint32_t j = i == 0 ? a : positions[i - 1]; j < positions[i]; ++j) {
+          if (p[j] == delimiter) gap = {gap.count + 1, j + 1};
+        }
+        ASSERT_EQ(gap.count, gaps[i].count) << "lines_at, gap " << i;
+        ASSERT_EQ(gap.behind_last, gaps[i].behind_last) << "lines_at, gap " << i;
+      }
+    }
     if constexpr (sizeof(T) == 2) {
       std::uint32_t high = a;
       while (high < b && p[high] < 256) ++high;

@@ -8,6 +8,7 @@
 //
 //   find         the occurrences of a needle in a stretch of positions
 //   count_lines  the line delimiters in a stretch of text, and where the last one stands
+//   lines_at     the same between one position and the next of a batch of them
 //   find_high    the first wide code unit above 255 (the wide caseless route's guard)
 //
 // The sets: plain (baseline code, any processor), SSE2, AVX2 and AVX-512BW, the last three written
@@ -80,6 +81,11 @@ struct ScanKernels {
                         std::uint32_t* out, std::uint32_t capacity, Census<T>* census);
   // The characters equal to `delimiter` in p[0 .. count - 1].
   LineCount (*count_lines)(const T* p, std::uint32_t count, T delimiter);
+  // For each of positions[0 .. count - 1], which rise from `from` on: the characters equal to
+  // `delimiter` in text[previous .. position - 1], `previous` being the position before (`from`
+  // for the first), with behind_last taken from the start of the text (0 for none).
+  void (*lines_at)(const T* text, std::uint32_t from, const std::uint32_t* positions,
+                   std::uint32_t count, T delimiter, LineCount* out);
 };
 
 // One instruction set's kernels for both widths.

@@ -55,6 +55,16 @@ LineCount CountLines(const T* p, std::uint32_t count, T delimiter) {
   return lines;
 }
 
+template <typename T>
+void LinesAt(const T* text, std::uint32_t from, const std::uint32_t* positions,
+             std::uint32_t count, T delimiter, LineCount* out) {
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const LineCount lines = CountLines(text + from, positions[i] - from, delimiter);
+    out[i] = LineCount{lines.count, lines.count != 0 ? from + lines.behind_last : 0};
+    from = positions[i];
+  }
+}
+
 std::uint32_t FindHigh(const wchar_t* p, std::uint32_t count) {
   std::uint32_t i = 0;
   while (i < count && p[i] < 256) ++i;
@@ -62,8 +72,8 @@ std::uint32_t FindHigh(const wchar_t* p, std::uint32_t count) {
 }
 
 constexpr KernelSet kSet{"plain",
-                         {&Find<char>, &CountLines<char>},
-                         {&Find<wchar_t>, &CountLines<wchar_t>},
+                         {&Find<char>, &CountLines<char>, &LinesAt<char>},
+                         {&Find<wchar_t>, &CountLines<wchar_t>, &LinesAt<wchar_t>},
                          &FindHigh};
 
 }  // namespace

@@ -17,8 +17,9 @@ struct Stretches {
   std::uint32_t cached;
 };
 
-// Positions taken from the kernel per call.
-constexpr std::uint32_t kBatch = 64;
+// Positions taken from the kernel per call; their results fit in a ResultBatch at once.
+constexpr std::uint32_t kBatch = LineCounter<char>::kBatch;
+static_assert(kBatch <= ResultBatch::kSize, "a batch of results goes into one reservation");
 
 // For routes that need no guard: every text character is known to the needle and the table.
 struct NoGuard {
@@ -139,13 +140,17 @@ std::uint32_t GreedyScan(const Needle<T>& needle, bool whole_words, Stretches st
     if (!guard.Clear(to + m)) return found + guard.Finish(next, lines, out);
     std::uint32_t results = 0;
     for (;;) {
-      for (std::uint32_t i = 0; i < count; ++i) {
-        const std::uint32_t at = positions[i];
-        if (whole_words && !IsWholeWord(text, n, at, m)) continue;
-        out.Add(lines.ResultAt(at));
-        ++results;
-      }
       if (count != 0) next = positions[count - 1] + m;
+      std::uint32_t accepted = count;
+      if (whole_words) {
+        accepted = 0;
+        for (std::uint32_t i = 0; i < count; ++i) {
+          if (IsWholeWord(text, n, positions[i], m)) positions[accepted++] = positions[i];
+        }
+      }
+      lines.ResultsAt(positions, accepted, out.Reserve(accepted));
+      out.Commit(accepted);
+      results += accepted;
       if (count < kBatch || next > to) break;
       count = kernels.find(needle, next, to, positions, kBatch, nullptr);
     }

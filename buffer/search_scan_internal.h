@@ -109,7 +109,8 @@ template <typename T>
 class LineCounter {
  public:
   LineCounter(const T* text, T delimiter, const ScanKernels<T>& kernels)
-      : text_(text), count_lines_(kernels.count_lines), delimiter_(delimiter) {}
+      : text_(text), count_lines_(kernels.count_lines), lines_at_(kernels.lines_at),
+        delimiter_(delimiter) {}
 
   // Counts the delimiters before `pos`, which is not below the last position counted to.
   void CountTo(std::uint32_t pos) {
@@ -146,6 +147,23 @@ class LineCounter {
     return PackResult(line_start_, line_);
   }
 
+  // The results of occurrences at positions[0 .. count - 1] (at most kBatch, rising, none below
+  // the last position counted to) into results[].
+  static constexpr std::uint32_t kBatch = 64;
+  void ResultsAt(const std::uint32_t* positions, std::uint32_t count, std::uint64_t* results) {
+    if (count == 0) return;
+    LineCount lines[kBatch];
+    lines_at_(text_, scanned_, positions, count, delimiter_, lines);
+    for (std::uint32_t i = 0; i < count; ++i) {
+      if (lines[i].count != 0) {
+        line_ += lines[i].count;
+        line_start_ = lines[i].behind_last;
+      }
+      results[i] = PackResult(line_start_, line_);
+    }
+    scanned_ = positions[count - 1];
+  }
+
   std::uint32_t line() const { return line_; }
   const T& delimiter() const { return delimiter_; }
 
@@ -154,6 +172,7 @@ class LineCounter {
 
   const T* text_;
   LineCount (*count_lines_)(const T*, std::uint32_t, T);
+  void (*lines_at_)(const T*, std::uint32_t, const std::uint32_t*, std::uint32_t, T, LineCount*);
   T delimiter_;
   std::uint32_t scanned_ = 0;     // Delimiters before here are counted.
   std::uint32_t line_ = 1;        // The line at `scanned_`.
@@ -163,6 +182,8 @@ class LineCounter {
 // Results on their way to a sink, handed over a batch at a time.
 class ResultBatch {
  public:
+  static constexpr std::uint32_t kSize = 64;
+
   explicit ResultBatch(ResultSink& sink) : sink_(sink) {}
   ResultBatch(const ResultBatch&) = delete;
   ResultBatch& operator=(const ResultBatch&) = delete;
@@ -172,13 +193,21 @@ class ResultBatch {
     results_[count_++] = result;
     if (count_ == kSize) Flush();
   }
+  // Room for `count` results (at most kSize) to be written and then committed.
+  std::uint64_t* Reserve(std::uint32_t count) {
+    if (count_ + count > kSize) Flush();
+    return results_ + count_;
+  }
+  void Commit(std::uint32_t count) {
+    count_ += count;
+    if (count_ == kSize) Flush();
+  }
   void Flush() {
     if (count_ != 0) sink_.Put(results_, count_);
     count_ = 0;
   }
 
  private:
-  static constexpr std::uint32_t kSize = 64;
   ResultSink& sink_;
   std::uint32_t count_ = 0;
   std::uint64_t results_[kSize];

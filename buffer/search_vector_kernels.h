@@ -85,6 +85,15 @@ TERN_ALWAYS_INLINE bool TermAt(const T* at, const T* first, const T* second, std
   return true;
 }
 
+// A candidate that fails costs a verification, a round without one a few instructions. The rarest
+// filter place alone makes the lightest rounds; where it lets through more than kFreeMisses false
+// candidates and more than one in kPositionsPerMiss positions (or a round with more than
+// kDenseRound), the rest of the call takes every filter place.
+constexpr std::uint32_t kFreeMisses = 8;
+constexpr std::uint32_t kPositionsPerMiss = 512;
+// A round with more candidates than this by the rarest place goes to every filter place at once.
+constexpr std::uint32_t kDenseRound = 3;
+
 // How far ahead of the round being filtered `find` asks for the text (a hint: the processor may
 // ignore it, and it reads nothing that the program sees, past the text's end included).
 constexpr std::uint32_t kPrefetchBytes = 1024;
@@ -119,7 +128,7 @@ class Tally {
     return Cursor{text_ + counted_, last, Vec::Splat(delimiter_)};
   }
 
-  // Counts the round at cursor.at into counts0 (and counts1, the round's second vector) and ORs it
+  // Counts the round at `at` into counts0 (and counts1, the round's second vector) and ORs it
   // into `ored`, where the stretch holds it whole.
   static TERN_ALWAYS_INLINE void Step(const T*& at, const T* last, V delimiters, V& counts0,
                                       V& counts1, V& ored, std::uint32_t& steps,
@@ -172,7 +181,8 @@ struct NoTally {
 // the new count and leaves `next` at the first position not examined. A round filters kRound
 // positions at once: for each of the first kPlaces filter places a vector loaded that far from
 // the round's start, compared with the place's members; a bit of the round's mask that survives
-// is a candidate, which TermAt verifies. More than `max_misses` candidates that fail end the call
+// is a candidate, which TermAt verifies. More than `max_misses` candidates that fail, and more than
+// one in kPositionsPerMiss positions examined beyond those, end the call
 // early, between two rounds.
 template <typename Vec, int kPlaces, int kMembers, bool kFold, typename Counter, typename T>
 std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::uint32_t to,
@@ -224,12 +234,14 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::u
     }
     return all;
   };
-  // The candidates of the round at p; most rounds have none, which one test tells.
+  // The candidates of the round at p. By the rarest place alone most rounds have none, which
+  // one test tells; by every place (which a search takes where candidates are common) the
+  // test would mostly be wasted.
   auto round_mask = [&](const T* p) -> Mask {
     typename Vec::Cmp vectors[kRoundVectors];
     TERN_UNROLL
     for (std::uint32_t v = 0; v < kRoundVectors; ++v) vectors[v] = hits(p + v * S::kLanes);
-    if constexpr (kRoundVectors == 2) {
+    if constexpr (kRoundVectors == 2 && kPlaces == 1) {
       if (Vec::Bits(Vec::Either(vectors[0], vectors[1]), T()) == 0) return 0;
     }
     Mask mask = 0;
@@ -241,10 +253,15 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::u
   };
 
   std::uint32_t next = next_io;  // The first position not examined yet.
+  const std::uint32_t start = next;
   std::uint32_t misses = 0;
+  auto too_many_misses = [&] {
+    return misses > max_misses && misses - max_misses > (next - start) / kPositionsPerMiss;
+  };
   // Verifies the candidates in `mask` (positions block + bit / kLaneBits, none before `next`),
-  // stores the occurrences and moves `next` past each; false once out[] is full.
-  auto take = [&](std::uint32_t block, Mask mask) -> bool {
+  // stores the occurrences and moves `next` past each; false once out[] is full. Inlined: the
+  // vector registers of the loop then need not be kept in memory around a call.
+  auto take = [&](std::uint32_t block, Mask mask) TERN_INLINE_LAMBDA -> bool {
     while (mask != 0) {
       const std::uint32_t at = block + internal::LowestBit(mask) / S::kLaneBits;
       if (TermAt<Vec, kMembers>(text + at, first, second, m, n - at)) {
@@ -272,7 +289,8 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::u
     const std::uint32_t early =
         static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(text + next + places[0]) %
                                    Vec::kBytes) / sizeof(T);
-    bool full = false;  // out[] is.
+    bool full = false;   // out[] is.
+    bool dense = false;  // A round of many candidates ended the loop, before it was counted.
     if (next <= limit && early <= next) {
       const std::uint32_t block = next - early;
       Mask mask = round_mask(text + block) & (~Mask{0} << (early * S::kLaneBits));
@@ -283,26 +301,17 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::u
       }
     }
     if (!full) {
-      // The tally's counters (see Tally), given back to it around each call of take, so that no
-      // vector register needs to live across a call.
+      // The tally's counters (see Tally), in locals for the loop.
       V counts0 = Vec::Zero(), counts1 = Vec::Zero(), ored = Vec::Zero(), delimiters{};
       std::uint32_t steps = 0, total = 0;
       const T* at = nullptr;
       const T* last = nullptr;
-      auto resume = [&] {
-        if constexpr (Counter::kActive) {
-          const typename Counter::Cursor cursor = tally->Resume();
-          at = cursor.at;
-          last = cursor.last;
-          delimiters = cursor.delimiters;
-          counts0 = counts1 = ored = Vec::Zero();
-          steps = total = 0;
-        }
-      };
-      auto pause = [&] {
-        if constexpr (Counter::kActive) tally->Pause(at, counts0, counts1, ored, total);
-      };
-      resume();
+      if constexpr (Counter::kActive) {
+        const typename Counter::Cursor cursor = tally->Resume();
+        at = cursor.at;
+        last = cursor.last;
+        delimiters = cursor.delimiters;
+      }
       while (next <= limit) {
         const std::uint32_t block = next;
         // Reads ahead: the loop alone keeps too few loads in flight to read at the memory's
@@ -310,25 +319,30 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::u
         Vec::Prefetch(reinterpret_cast<const void*>(
             reinterpret_cast<std::uintptr_t>(text + block) + kPrefetchBytes));
         Mask mask = round_mask(text + block);
+        // A round of many candidates ends a call that filters by one place at once, before
+        // verifying them: the call that takes every place goes on from this round.
+        if (kPlaces == 1 && mask != 0 &&
+            internal::PopCount(mask) > kDenseRound * S::kLaneBits) {
+          dense = true;
+          break;
+        }
         if constexpr (Counter::kActive) {
           Counter::Step(at, last, delimiters, counts0, counts1, ored, steps, total);
         }
         next = block + S::kRound;
         if (mask != 0) {
-          pause();
           if (to < next - 1) mask &= S::Low(to + 1 - block);
           if (!take(block, mask)) {
             full = true;
             break;
           }
-          if (misses > max_misses) break;
-          resume();
+          if (too_many_misses()) break;
         }
       }
-      if (!full && misses <= max_misses) pause();
+      if constexpr (Counter::kActive) tally->Pause(at, counts0, counts1, ored, total);
     }
     if (next > to + 1) next = to + 1;
-    if (!full && misses <= max_misses && next <= to) {
+    if (!full && !dense && !too_many_misses() && next <= to) {
       // Less than a round before the text's end: the round that ends there, without the
       // positions before `next`.
       const std::uint32_t block = last_block;
@@ -362,18 +376,13 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::u
   return count;
 }
 
-// A candidate that fails costs a verification, a round without one a few instructions. The rarest
-// filter place alone makes the lightest rounds; where it lets through more than one false
-// candidate in this many positions, the rest of the call takes every filter place.
-constexpr std::uint32_t kPositionsPerMiss = 256;
 
 template <typename Vec, int kPlaces, int kMembers, bool kFold, typename Counter, typename T>
 std::uint32_t FindAdaptive(const Needle<T>& needle, std::uint32_t from, std::uint32_t to,
                            std::uint32_t* out, std::uint32_t capacity, Counter* tally) {
   std::uint32_t next = from;
-  const std::uint32_t misses = (to - from) / kPositionsPerMiss;
   std::uint32_t count =
-      FindShaped<Vec, 1, kMembers, kFold>(needle, next, to, out, 0, capacity, misses, tally);
+      FindShaped<Vec, 1, kMembers, kFold>(needle, next, to, out, 0, capacity, kFreeMisses, tally);
   if (count < capacity && next <= to) {
     count = FindShaped<Vec, kPlaces, kMembers, kFold>(needle, next, to, out, count, capacity,
                                                       0xFFFFFFFF, tally);
@@ -429,10 +438,10 @@ std::uint32_t Find(const Needle<T>& needle, std::uint32_t from, std::uint32_t to
   return count;
 }
 
-// The delimiters in p[0 .. count - 1] (count below four vectors' worth, else slower than
+// The delimiters in p[0 .. count - 1] (count below sixteen vectors' worth, else slower than
 // CountLines' bulk loop), in one forward pass that also notes the last.
 template <typename Vec, typename T>
-LineCount CountShort(const T* p, std::uint32_t count, T delimiter) {
+TERN_ALWAYS_INLINE LineCount CountShort(const T* p, std::uint32_t count, T delimiter) {
   using S = Shape<Vec, T>;
   using Mask = typename S::Mask;
   const typename Vec::V needle = Vec::Splat(delimiter);
@@ -472,7 +481,9 @@ LineCount CountLines(const T* p, std::uint32_t count, T delimiter) {
   using S = Shape<Vec, T>;
   using V = typename Vec::V;
   constexpr std::uint32_t kStep = 4 * S::kLanes;
-  if (count < kStep) return CountShort<Vec>(p, count, delimiter);
+  // Up to a few steps one pass with a count per vector beats finding the last from the end and
+  // then counting.
+  if (count < 4 * kStep) return CountShort<Vec>(p, count, delimiter);
   const V needle = Vec::Splat(delimiter);
   std::uint32_t end = count;
   std::uint32_t last = 0;
@@ -540,6 +551,41 @@ std::uint32_t FindHigh(const wchar_t* p, std::uint32_t count) {
   return i;
 }
 
+// ScanKernels::lines_at: the short gaps between results of common terms in one call, with
+// CountShort inlined.
+// A gap shorter than a vector is one vector that ends where the gap does (the text before the gap
+// is read, not counted), where the text has room for it.
+template <typename Vec, typename T>
+void LinesAt(const T* text, std::uint32_t from, const std::uint32_t* positions,
+             std::uint32_t count, T delimiter, LineCount* out) {
+  using S = Shape<Vec, T>;
+  using Mask = typename S::Mask;
+  const typename Vec::V needle = Vec::Splat(delimiter);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const std::uint32_t to = positions[i];
+    const std::uint32_t gap = to - from;
+    LineCount lines;
+    if (gap == 0) {
+      lines = LineCount{0, 0};
+    } else if (gap < S::kLanes && to >= S::kLanes) {
+      const Mask bits =
+          static_cast<Mask>(Vec::Bits(Vec::Equal(Vec::Load(text + to - S::kLanes), needle, T()),
+                                      T())) &
+          ~S::Low(S::kLanes - gap);
+      lines.count = internal::PopCount(bits) / S::kLaneBits;
+      lines.behind_last = lines.count != 0 ? to - S::kLanes + 1 +
+                                                 internal::HighestBit(bits) / S::kLaneBits
+                                           : 0;
+    } else {
+      lines = gap < 16 * S::kLanes ? CountShort<Vec>(text + from, gap, delimiter)
+                                   : CountLines<Vec>(text + from, gap, delimiter);
+      if (lines.count != 0) lines.behind_last += from;
+    }
+    out[i] = lines;
+    from = to;
+  }
+}
+
 template <typename Vec, typename T, bool kHigh>
 void Tally<Vec, T, kHigh>::Finish(Census<T>* census) {
   const std::uint32_t rest = end_ - counted_;
@@ -556,8 +602,8 @@ void Tally<Vec, T, kHigh>::Finish(Census<T>* census) {
 template <typename Vec>
 constexpr KernelSet MakeKernelSet(const char* name) {
   return KernelSet{name,
-                   {&Find<Vec, char>, &CountLines<Vec, char>},
-                   {&Find<Vec, wchar_t>, &CountLines<Vec, wchar_t>},
+                   {&Find<Vec, char>, &CountLines<Vec, char>, &LinesAt<Vec, char>},
+                   {&Find<Vec, wchar_t>, &CountLines<Vec, wchar_t>, &LinesAt<Vec, wchar_t>},
                    &FindHigh<Vec>};
 }
 

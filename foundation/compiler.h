@@ -28,6 +28,14 @@
 #define TERN_ALWAYS_INLINE __attribute__((always_inline)) inline
 #endif
 
+// Inlines a lambda wherever it is called: [&](int x) TERN_INLINE_LAMBDA { ... }. GCC and clang
+// (clang-cl too) take the attribute there; cl.exe has no such form and decides for itself.
+#if defined(__GNUC__) || defined(__clang__)
+#define TERN_INLINE_LAMBDA __attribute__((always_inline))
+#else
+#define TERN_INLINE_LAMBDA
+#endif
+
 // Unrolls the loop that follows completely where its count is a small constant: GCC's and
 // clang's pragmas; cl.exe has none, and unrolls such loops at /O2 of its own accord.
 #if defined(__clang__)
