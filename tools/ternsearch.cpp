@@ -25,13 +25,11 @@
 #include <algorithm>
 #include <charconv>
 #include <climits>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 #include <system_error>
@@ -524,7 +522,8 @@ class Jobs {
 };
 
 // Opens the files of a job list and reads their first piece on threads of its own (as many as the
-// processor has, at most kMaxThreads), at most a window of jobs ahead of the one being searched.
+// processor has, at least two and at most kMaxThreads), at most a window of jobs ahead of the one
+// being searched.
 // A file that fits in its piece is read whole and closed there; a larger one keeps its handle
 // open for the searcher to go on; anything not on disk (a pipe named on the command line) is only
 // opened. The destructor stops the threads, waits for them, and closes what is still open,
@@ -546,8 +545,9 @@ class ReadAhead {
   };
 
   explicit ReadAhead(const std::vector<Job>& jobs) : jobs_(jobs) {
+    // The readers mostly wait for the system, so two of them pay even on one processor.
     unsigned threads = std::thread::hardware_concurrency();
-    threads = std::max(1u, std::min(threads, kMaxThreads));
+    threads = std::max(2u, std::min(threads, kMaxThreads));
     std::size_t files = 0;
     for (const Job& job : jobs) files += job.kind == Job::kFile;
     if (files < 2) return;  // Nothing to overlap.
@@ -563,11 +563,10 @@ class ReadAhead {
   }
 
   ~ReadAhead() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stop_ = true;
-    }
-    room_.notify_all();
+    AcquireSRWLockExclusive(&lock_);
+    stop_ = true;
+    ReleaseSRWLockExclusive(&lock_);
+    WakeAllConditionVariable(&room_);
     for (std::thread& thread : threads_) thread.join();
   }
 
@@ -579,24 +578,26 @@ class ReadAhead {
   Slot* Wait(std::size_t index) {
     if (threads_.empty()) return nullptr;
     Slot& slot = slots_[index % slots_.size()];
-    std::unique_lock<std::mutex> lock(mutex_);
-    ready_.wait(lock, [&] { return slot.state == Slot::kReady && slot.job == index; });
+    AcquireSRWLockExclusive(&lock_);
+    while (slot.state != Slot::kReady || slot.job != index) {
+      SleepConditionVariableSRW(&ready_, &lock_, INFINITE, 0);
+    }
+    ReleaseSRWLockExclusive(&lock_);
     return &slot;
   }
 
   // Job `index` is done with (whatever its kind): its slot is free again, and the window moves on.
   void Done(std::size_t index) {
     if (threads_.empty()) return;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      Slot& slot = slots_[index % slots_.size()];
-      if (slot.state == Slot::kReady && slot.job == index) {
-        slot.handle.Reset(INVALID_HANDLE_VALUE);
-        slot.state = Slot::kFree;
-      }
-      searching_ = index + 1;
+    AcquireSRWLockExclusive(&lock_);
+    Slot& slot = slots_[index % slots_.size()];
+    if (slot.state == Slot::kReady && slot.job == index) {
+      slot.handle.Reset(INVALID_HANDLE_VALUE);
+      slot.state = Slot::kFree;
     }
-    room_.notify_all();
+    searching_ = index + 1;
+    ReleaseSRWLockExclusive(&lock_);
+    WakeAllConditionVariable(&room_);
   }
 
  private:
@@ -604,25 +605,26 @@ class ReadAhead {
   static constexpr std::size_t kJobsPerThread = 4;
 
   void Work() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    AcquireSRWLockExclusive(&lock_);
     for (;;) {
       // The next file, once the window and its slot have room for it.
       while (next_ < jobs_.size() && jobs_[next_].kind != Job::kFile) ++next_;
-      if (stop_ || next_ >= jobs_.size()) return;
+      if (stop_ || next_ >= jobs_.size()) break;
       Slot& slot = slots_[next_ % slots_.size()];
       if (next_ >= searching_ + slots_.size() || slot.state != Slot::kFree) {
-        room_.wait(lock);
+        SleepConditionVariableSRW(&room_, &lock_, INFINITE, 0);
         continue;
       }
       const std::size_t index = next_++;
       slot.state = Slot::kReading;
       slot.job = index;
-      lock.unlock();
+      ReleaseSRWLockExclusive(&lock_);
       Read(jobs_[index], slot);
-      lock.lock();
+      AcquireSRWLockExclusive(&lock_);
       slot.state = Slot::kReady;
-      ready_.notify_all();
+      WakeAllConditionVariable(&ready_);
     }
+    ReleaseSRWLockExclusive(&lock_);
   }
 
   static void Read(const Job& job, Slot& slot) {
@@ -645,9 +647,11 @@ class ReadAhead {
   const std::vector<Job>& jobs_;
   std::vector<Slot> slots_;  // Job j's is slots_[j % size].
   std::vector<std::thread> threads_;
-  std::mutex mutex_;
-  std::condition_variable ready_;  // A slot became ready.
-  std::condition_variable room_;   // The window moved, or the readers must stop.
+  // The system's own lock and condition variables: the C++ library's here are built on
+  // semaphores, which under Wine cost a round trip to its server for every wait and wake.
+  SRWLOCK lock_ = SRWLOCK_INIT;
+  CONDITION_VARIABLE ready_ = CONDITION_VARIABLE_INIT;  // A slot became ready.
+  CONDITION_VARIABLE room_ = CONDITION_VARIABLE_INIT;   // The window moved, or the readers stop.
   std::size_t next_ = 0;           // The next job a reader takes.
   std::size_t searching_ = 0;      // Jobs before this one are done with.
   bool stop_ = false;
