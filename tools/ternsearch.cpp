@@ -1,9 +1,9 @@
 // ternsearch: a fixed-string grep with line numbers, built on the library's buffer search.
 // The usage text (kHelp) tells what it does; what follows is how.
 //
-// Input is read in large pieces into one block that only grows, reused across files: a piece is
-// searched up to its last line feed with the memory form of Search, and the partial line behind
-// it moves to the front of the block to meet the rest of its line. Cutting at line feeds changes
+// Input is read in large pieces: a piece is searched up to its last line feed with the memory form
+// of Search, and the partial line behind it is copied in front of the next piece to meet the rest
+// of its line (a line longer than the room there collects in the buffer's block). Cutting at line feeds changes
 // no result: occurrences never span one (unless the term holds one: then the whole input is read
 // before it is searched), the scan's state does not pass one (after an occurrence it moves on by
 // the term's length, which ends before the line feed), and a line feed is a word delimiter just
@@ -14,9 +14,10 @@
 // of the term put behind a piece's last line feed is found at the start of the line after it, so
 // that its result tells the piece's line count (see Searcher::SearchLines).
 //
-// Several files are opened and read ahead on other threads while this one searches (ReadAhead):
-// each open, read and close is a round trip to the system, which for small files costs more than
-// their search. The output keeps the order of the files.
+// Reading overlaps the search: the next piece of a file is read on a thread of its own while this
+// one searches the piece before (PieceReader), and the next files are opened and read on others
+// (ReadAhead): each open, read and close is a round trip to the system, which for small files costs
+// more than their search. The output keeps the order of the files.
 //
 // Output goes through one large buffer, never a write per line.
 #include <fcntl.h>
@@ -232,30 +233,141 @@ HANDLE OpenForReading(const std::wstring& path) {
 }
 
 constexpr DWORD kPieceBytes = 1 << 20;
+// A piece is read into a block with room in front of it for the partial line that the piece before
+// ended with, and room behind it for a copy of the term (see Searcher::SearchLines).
+constexpr std::size_t kHeadBytes = 64 << 10;
+constexpr std::size_t kTailBytes = 128 << 10;
 
-// One input on its way to the search: a first piece that was read ahead, if any, then what
-// `handle` gives. `disk` says that a short read means the end.
+class PieceBlock {
+ public:
+  // False where memory runs out.
+  bool Make() {
+    if (!bytes_) bytes_.reset(new (std::nothrow) char[kHeadBytes + kPieceBytes + kTailBytes]);
+    return bytes_ != nullptr;
+  }
+  char* piece() const { return bytes_.get() + kHeadBytes; }
+
+ private:
+  std::unique_ptr<char[]> bytes_;
+};
+
+// One input on its way to the search: the handle it is read from, whether it is a file on disk
+// (where a short read means the end), and its first piece where that was read ahead.
 struct Input {
   HANDLE handle = INVALID_HANDLE_VALUE;
   bool disk = false;
-  const char* ahead = nullptr;
+  char* ahead = nullptr;  // In a PieceBlock.
   DWORD ahead_bytes = 0;
+};
 
-  // Reads up to `size` bytes (at least what was read ahead); false on a read error. At the end of
-  // input `got` is 0, or less than `size` for a file on disk.
-  bool Read(char* to, DWORD size, DWORD* got) {
-    if (ahead != nullptr) {
-      std::memcpy(to, ahead, ahead_bytes);
-      *got = ahead_bytes;
-      ahead = nullptr;
-      return true;
-    }
-    *got = 0;
-    if (handle == INVALID_HANDLE_VALUE) return true;
-    if (ReadFile(handle, to, size, got, nullptr)) return true;
-    *got = 0;
-    return GetLastError() == ERROR_BROKEN_PIPE;
+// The pieces of a file on disk after its first, each read on a thread of its own while the one
+// before is searched (the system's copy of the bytes and the search then overlap). Two blocks take
+// turns: the caller holds the piece that Next gave last, and the thread fills the other one. The
+// destructor stops the thread.
+class PieceReader {
+ public:
+  struct Piece {
+    char* bytes;  // In a PieceBlock.
+    DWORD got;
+    bool ok;      // False where the read failed.
+  };
+
+  PieceReader() = default;
+  PieceReader(const PieceReader&) = delete;
+  PieceReader& operator=(const PieceReader&) = delete;
+  ~PieceReader() {
+    AcquireSRWLockExclusive(&lock_);
+    stop_ = true;
+    ReleaseSRWLockExclusive(&lock_);
+    WakeAllConditionVariable(&changed_);
+    if (thread_.joinable()) thread_.join();
   }
+
+  // Reads `handle` from its current position on; false where memory or a thread can't be had.
+  bool Begin(HANDLE handle) {
+    if (!blocks_[0].Make() || !blocks_[1].Make()) return false;
+    if (!thread_.joinable()) {
+      try {
+        thread_ = std::thread([this] { Work(); });
+      } catch (const std::system_error&) {
+        return false;
+      }
+    }
+    handle_ = handle;
+    held_ = 1;
+    Request(0);
+    return true;
+  }
+
+  // The next piece, with the `kept` bytes at `partial` (at most kHeadBytes: the end of the piece
+  // before, which the block given out before may hold) copied in front of it.
+  Piece Next(const char* partial, std::size_t kept) {
+    const int next = 1 - held_;
+    AcquireSRWLockExclusive(&lock_);
+    while (state_[next] != kReady) SleepConditionVariableSRW(&changed_, &lock_, INFINITE, 0);
+    state_[next] = kHeld;
+    const Piece result{blocks_[next].piece(), got_[next], ok_[next]};
+    ReleaseSRWLockExclusive(&lock_);
+    std::memcpy(result.bytes - kept, partial, kept);
+    held_ = next;
+    // The block given out before is free now: the next piece goes there.
+    if (result.ok && result.got == kPieceBytes) Request(1 - next);
+    return result;
+  }
+
+  // Ends the input, once no read of it is in flight (its handle may then be closed).
+  void End() {
+    AcquireSRWLockExclusive(&lock_);
+    while (state_[0] == kReading || state_[1] == kReading) {
+      SleepConditionVariableSRW(&changed_, &lock_, INFINITE, 0);
+    }
+    state_[0] = state_[1] = kFree;  // A read asked for and not begun is dropped.
+    ReleaseSRWLockExclusive(&lock_);
+  }
+
+ private:
+  enum State { kFree, kAsked, kReading, kReady, kHeld };
+
+  void Request(int block) {
+    AcquireSRWLockExclusive(&lock_);
+    state_[block] = kAsked;
+    ReleaseSRWLockExclusive(&lock_);
+    WakeAllConditionVariable(&changed_);
+  }
+
+  void Work() {
+    AcquireSRWLockExclusive(&lock_);
+    for (;;) {
+      if (stop_) break;
+      const int block = state_[0] == kAsked ? 0 : state_[1] == kAsked ? 1 : -1;
+      if (block < 0) {
+        SleepConditionVariableSRW(&changed_, &lock_, INFINITE, 0);
+        continue;
+      }
+      state_[block] = kReading;
+      ReleaseSRWLockExclusive(&lock_);
+      DWORD got = 0;
+      const bool ok = ReadFile(handle_, blocks_[block].piece(), kPieceBytes, &got, nullptr) != 0;
+      AcquireSRWLockExclusive(&lock_);
+      got_[block] = ok ? got : 0;
+      ok_[block] = ok;
+      state_[block] = kReady;
+      WakeAllConditionVariable(&changed_);
+    }
+    ReleaseSRWLockExclusive(&lock_);
+  }
+
+  PieceBlock blocks_[2];
+  HANDLE handle_ = INVALID_HANDLE_VALUE;
+  int held_ = 1;  // The block the caller holds.
+  // Under lock_: what each block is doing, and what its read gave.
+  State state_[2] = {kFree, kFree};
+  DWORD got_[2] = {0, 0};
+  bool ok_[2] = {true, true};
+  bool stop_ = false;
+  std::thread thread_;
+  SRWLOCK lock_ = SRWLOCK_INIT;
+  CONDITION_VARIABLE changed_ = CONDITION_VARIABLE_INIT;
 };
 
 // Searches inputs one after another with one query, one buffer and one output.
@@ -272,74 +384,174 @@ class Searcher {
 
   // Searches what `input` gives until its end and prints what it finds, under the name `file`
   // where `show_name` asks for it. Gives the occurrences, or -1 after reporting an error.
+  //
+  // A file on disk is searched where its pieces are read, a partial line copied in front of each
+  // (PieceReader); a partial line longer than that room, and every input not on disk (whose reads
+  // come in any size), goes through the buffer's block instead, read into behind the partial line.
   long long Search(Input& input, const std::wstring& file, bool show_name) {
     const std::string name = Utf8(file);
     name_ = show_name ? name : std::string();
     last_line_ = 0;
     lines_before_ = 0;
     // Room behind the text for the copy of the term that SearchLines puts there.
-    const std::size_t spare = (static_cast<std::size_t>(query_.termLength) + 1) * sizeof(T);
-    std::size_t kept = 0;  // Bytes of a partial line at the front of the block.
-    long long found = 0;
-    bool end = false;
-    while (!end) {
-      if (kept > static_cast<std::size_t>(INT_MAX) - kPieceBytes - spare) {
-        Fail(file, "too large for the buffer");
-        return -1;
-      }
-      int room = static_cast<int>(kept + kPieceBytes + spare);
-      if (kept >= kPieceBytes && room > buffer_.capacity) {
-        // A line longer than a piece doubles the block, lest each piece copy the line again.
-        room = std::max(room, std::min(INT_MAX / 2, buffer_.capacity) * 2);
-      }
-      buffer_.Realloc(room);
-      if (buffer_.capacity < room) {
-        Fail(file, "too large for the buffer (out of memory)");
-        return -1;
-      }
-      char* bytes = reinterpret_cast<char*>(buffer_.GetBuffer());
-      DWORD got = 0;
-      if (!input.Read(bytes + kept, kPieceBytes, &got)) {
-        Fail(file, "cannot be read");
-        return -1;
-      }
-      end = got == 0 || (input.disk && got < kPieceBytes);
-      const std::size_t total = kept + got;
-      T* text = buffer_.GetBuffer();
-      const std::size_t chars = total / sizeof(T);  // At the end an odd last byte is dropped.
-      std::size_t cut = chars;
-      if (!end) {
-        // Up to the last line feed; the partial line before it holds none (unless the term holds
-        // one, and then nothing is cut before the end).
-        cut = 0;
-        for (std::size_t i = chars; !term_has_feed_ && i > kept / sizeof(T); --i) {
-          if (text[i - 1] == '\n') {
-            cut = i;
-            break;
-          }
-        }
-      }
-      if (cut > 0) {
-        found += SearchLines(text, cut, !end);
-        if (found > 0 && options_.names_only) break;
-      }
-      kept = total - cut * sizeof(T);
-      if (cut > 0) std::memmove(bytes, bytes + cut * sizeof(T), kept);
-    }
+    spare_ = (static_cast<std::size_t>(query_.termLength) + 1) * sizeof(T);
+    found_ = 0;
+    const long long result = input.disk ? SearchFile(input, file) : SearchStream(input, file);
+    if (result < 0) return result;
     if (options_.names_only) {
-      if (found > 0) {
+      if (found_ > 0) {
         out_.Put(name);
         out_.Put('\n');
       }
     } else if (options_.count_only) {
       PutName();
-      out_.PutNumber(static_cast<std::uint64_t>(found));
+      out_.PutNumber(static_cast<std::uint64_t>(found_));
       out_.Put('\n');
     }
-    return found;
+    return found_;
   }
 
  private:
+  long long SearchFile(Input& input, const std::wstring& file) {
+    std::size_t kept = 0;  // Bytes of the partial line at `partial`.
+    const char* partial = nullptr;
+    bool in_block = false;  // The text is in the buffer's block (a line longer than the room).
+    bool first = true;
+    bool end = false;
+    bool reading = false;  // reader_ reads `input`.
+    struct Stop {  // Whichever way the loop ends, no read of the input is left in flight.
+      PieceReader& reader;
+      bool& reading;
+      ~Stop() {
+        if (reading) reader.End();
+      }
+    } stop{reader_, reading};
+    while (!end) {
+      PieceReader::Piece piece{nullptr, 0, true};
+      if (first && input.ahead != nullptr) {
+        piece = PieceReader::Piece{input.ahead, input.ahead_bytes, true};
+        input.ahead = nullptr;
+      } else {
+        if (!reading) {
+          if (!reader_.Begin(input.handle)) return SearchStream(input, file, partial, kept);
+          reading = true;
+        }
+        if (!in_block && kept > kHeadBytes) {
+          if (!Keep(file, partial, kept)) return -1;
+          in_block = true;
+        }
+        piece = reader_.Next(in_block ? nullptr : partial, in_block ? 0 : kept);
+      }
+      first = false;
+      if (!piece.ok) {
+        Fail(file, "cannot be read");
+        return -1;
+      }
+      end = piece.got < kPieceBytes;
+      char* start = piece.bytes - kept;
+      std::size_t tail = kTailBytes;
+      if (in_block) {
+        if (!Room(file, kept + piece.got)) return -1;
+        start = reinterpret_cast<char*>(buffer_.GetBuffer());
+        std::memcpy(start + kept, piece.bytes, piece.got);
+        tail = static_cast<std::size_t>(buffer_.capacity) - kept - piece.got;
+      }
+      const std::size_t total = kept + piece.got;
+      const std::size_t cut = SearchPiece(reinterpret_cast<T*>(start), kept, total, end, tail);
+      if (found_ > 0 && options_.names_only) break;
+      partial = start + cut * sizeof(T);
+      kept = total - cut * sizeof(T);
+      if (in_block && cut > 0) {
+        std::memmove(start, partial, kept);
+        partial = start;
+        in_block = kept > kHeadBytes;  // Back to the pieces' own room once the line has ended.
+      }
+    }
+    return found_;
+  }
+
+  // An input not on disk (a pipe, standard input), read into the buffer's block behind the
+  // `kept` bytes at `partial` (a file's reading that had to stop halfway hands over those).
+  long long SearchStream(Input& input, const std::wstring& file, const char* partial = nullptr,
+                         std::size_t kept = 0) {
+    if (kept > 0 && !Keep(file, partial, kept)) return -1;
+    bool end = false;
+    while (!end) {
+      if (!Room(file, kept + kPieceBytes)) return -1;
+      char* bytes = reinterpret_cast<char*>(buffer_.GetBuffer());
+      DWORD got = 0;
+      if (input.ahead != nullptr) {
+        std::memcpy(bytes + kept, input.ahead, input.ahead_bytes);
+        got = input.ahead_bytes;
+        input.ahead = nullptr;
+      } else if (!ReadFile(input.handle, bytes + kept, kPieceBytes, &got, nullptr)) {
+        if (GetLastError() != ERROR_BROKEN_PIPE) {
+          Fail(file, "cannot be read");
+          return -1;
+        }
+        got = 0;
+      }
+      end = got == 0 || (input.disk && got < kPieceBytes);
+      const std::size_t total = kept + got;
+      const std::size_t cut = SearchPiece(buffer_.GetBuffer(), kept, total, end,
+                                          static_cast<std::size_t>(buffer_.capacity) - total);
+      if (found_ > 0 && options_.names_only) break;
+      kept = total - cut * sizeof(T);
+      if (cut > 0) std::memmove(bytes, bytes + cut * sizeof(T), kept);
+    }
+    return found_;
+  }
+
+  // Makes the buffer's block hold `bytes` and the room behind them that SearchLines may use,
+  // growing a long line's block by doubling, lest each piece copy the line again.
+  bool Room(const std::wstring& file, std::size_t bytes) {
+    if (bytes > static_cast<std::size_t>(INT_MAX) - spare_) {
+      Fail(file, "too large for the buffer");
+      return false;
+    }
+    int room = static_cast<int>(bytes + spare_);
+    if (room > buffer_.capacity && buffer_.capacity > 0) {
+      room = std::max(room, std::min(INT_MAX / 2, buffer_.capacity) * 2);
+    }
+    buffer_.Realloc(room);
+    if (buffer_.capacity < room) {
+      Fail(file, "too large for the buffer (out of memory)");
+      return false;
+    }
+    return true;
+  }
+
+  // Puts the `kept` bytes at `partial` at the front of the buffer's block.
+  bool Keep(const std::wstring& file, const char* partial, std::size_t kept) {
+    if (!Room(file, kept + kPieceBytes)) return false;
+    std::memmove(buffer_.GetBuffer(), partial, kept);
+    return true;
+  }
+
+  // Searches `text`, `total` bytes of which the first `kept` were kept from before (a partial line
+  // that holds no line feed), up to its last line feed, or to its end where `end` says it is the
+  // last; `tail` bytes behind `total` may be written. Gives the characters searched.
+  std::size_t SearchPiece(T* text, std::size_t kept, std::size_t total, bool end,
+                          std::size_t tail) {
+    const std::size_t chars = total / sizeof(T);  // At the end an odd last byte is dropped.
+    std::size_t cut = chars;
+    if (!end) {
+      // Up to the last line feed; the partial line before it holds none (unless the term holds
+      // one, and then nothing is cut before the end).
+      cut = 0;
+      for (std::size_t i = chars; !term_has_feed_ && i > kept / sizeof(T); --i) {
+        if (text[i - 1] == '\n') {
+          cut = i;
+          break;
+        }
+      }
+    }
+    if (cut > 0) {
+      found_ += SearchLines(text, cut, !end, tail + (total - cut * sizeof(T)) >= spare_);
+    }
+    return cut;
+  }
+
   void PutName() {
     if (!name_.empty()) {
       out_.Put(name_);
@@ -356,9 +568,9 @@ class Searcher {
   // its result's line number, less one, is the piece's count of line feeds. The characters under
   // the copy are put back afterwards. Should a table that skips (see CSearchQuery) miss the copy,
   // a search for the line feed itself counts them.
-  long long SearchLines(T* text, std::size_t count, bool more) {
+  long long SearchLines(T* text, std::size_t count, bool more, bool room_behind) {
     const bool print = !options_.count_only && !options_.names_only;
-    const bool tail = print && more;
+    const bool tail = print && more && room_behind;
     const std::size_t m = static_cast<std::size_t>(query_.termLength);
     std::basic_string<T> under;
     if (tail) {
@@ -370,6 +582,7 @@ class Searcher {
         text, static_cast<int>(searched), flags_, query_, nullptr, nullptr, static_cast<T>('\n')));
     int results = buffer_.GetResultCount();
     std::uint64_t feeds = 0;
+    if (print && more && !room_behind) feeds = LineFeeds(text, count);
     if (tail) {
       std::copy(under.begin(), under.end(), text + count);
       const std::uint64_t last = results > 0 ? (*buffer_.results)[results - 1] : 0;
@@ -416,6 +629,9 @@ class Searcher {
   unsigned long flags_ = 0;
   bool term_has_feed_ = false;
   CBuffer<T> buffer_;
+  PieceReader reader_;
+  std::size_t spare_ = 0;  // Bytes behind a piece that SearchLines may write to.
+  long long found_ = 0;    // Occurrences in the input being searched.
   CSearchQuery<T> feeds_;    // The term LF, for LineFeeds.
   CBuffer<T> feed_buffer_;   // LineFeeds' results.
   std::string name_;  // Printed before each line or count; empty for none.
@@ -535,7 +751,7 @@ class ReadAhead {
     enum State { kFree, kReading, kReady };
     State state = kFree;
     std::size_t job = 0;
-    std::unique_ptr<char[]> bytes;  // kPieceBytes, made on first use.
+    PieceBlock bytes;  // Made on first use.
     DWORD got = 0;
     bool opened = false;  // False: the file cannot be opened.
     bool read = false;    // The first piece is in `bytes`.
@@ -637,9 +853,8 @@ class ReadAhead {
     slot.disk = job.disk || GetFileType(slot.handle.get()) == FILE_TYPE_DISK;
     if (!slot.disk) return;
     // Without memory for the piece the searcher reads the file itself.
-    if (!slot.bytes) slot.bytes.reset(new (std::nothrow) char[kPieceBytes]);
-    if (!slot.bytes) return;
-    slot.read = ReadFile(slot.handle.get(), slot.bytes.get(), kPieceBytes, &slot.got, nullptr);
+    if (!slot.bytes.Make()) return;
+    slot.read = ReadFile(slot.handle.get(), slot.bytes.piece(), kPieceBytes, &slot.got, nullptr);
     slot.read_failed = !slot.read;
     if (!slot.read || slot.got < kPieceBytes) slot.handle.Reset(INVALID_HANDLE_VALUE);
   }
@@ -715,7 +930,7 @@ class Run {
       input.handle = slot->handle.get();
       input.disk = slot->disk;
       if (slot->read) {
-        input.ahead = slot->bytes.get();
+        input.ahead = slot->bytes.piece();
         input.ahead_bytes = slot->got;
       }
     } else {
