@@ -3,12 +3,12 @@
 //
 // Input is read in large pieces: a piece is searched up to its last line feed with the memory form
 // of Search, and the partial line behind it is copied in front of the next piece to meet the rest
-// of its line (a line longer than the room there collects in the buffer's block). Cutting at line feeds changes
-// no result: occurrences never span one (unless the term holds one: then the whole input is read
-// before it is searched), the scan's state does not pass one (after an occurrence it moves on by
-// the term's length, which ends before the line feed), and a line feed is a word delimiter just
-// as the start of the text is. So the output is that of one search over the whole input, while
-// the memory touched stays that of the largest piece, not of the largest file.
+// of its line (a line longer than the room there collects in the buffer's block). Cutting at line
+// feeds changes no result: occurrences never span one (unless the term holds one: then the whole
+// input is read before it is searched), the scan's state does not pass one (after an occurrence it
+// moves on by the term's length, which ends before the line feed), and a line feed is a word
+// delimiter just as the start of the text is. So the output is that of one search over the whole
+// input, while the memory touched stays that of a few pieces, not of the largest file.
 //
 // Line numbers come from the search itself: it counts the lines of what it searches, and a copy
 // of the term put behind a piece's last line feed is found at the start of the line after it, so
