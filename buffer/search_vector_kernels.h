@@ -312,13 +312,15 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::u
         last = cursor.last;
         delimiters = cursor.delimiters;
       }
-      while (next <= limit) {
-        const std::uint32_t block = next;
+      // The rounds go by a pointer, which leaves the 32-bit build registers for the rest.
+      const T* round = text + next;
+      const T* const last_round = text + limit;
+      while (round <= last_round) {
         // Reads ahead: the loop alone keeps too few loads in flight to read at the memory's
         // speed.
-        Vec::Prefetch(reinterpret_cast<const void*>(
-            reinterpret_cast<std::uintptr_t>(text + block) + kPrefetchBytes));
-        Mask mask = round_mask(text + block);
+        Vec::Prefetch(reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(round) +
+                                                    kPrefetchBytes));
+        Mask mask = round_mask(round);
         // A round of many candidates ends a call that filters by one place at once, before
         // verifying them: the call that takes every place goes on from this round.
         if (kPlaces == 1 && mask != 0 &&
@@ -329,16 +331,21 @@ std::uint32_t FindShaped(const Needle<T>& needle, std::uint32_t& next_io, std::u
         if constexpr (Counter::kActive) {
           Counter::Step(at, last, delimiters, counts0, counts1, ored, steps, total);
         }
-        next = block + S::kRound;
-        if (mask != 0) {
-          if (to < next - 1) mask &= S::Low(to + 1 - block);
-          if (!take(block, mask)) {
-            full = true;
-            break;
-          }
-          if (too_many_misses()) break;
+        if (mask == 0) {
+          round += S::kRound;
+          continue;
         }
+        const auto block = static_cast<std::uint32_t>(round - text);
+        next = block + S::kRound;
+        if (to < next - 1) mask &= S::Low(to + 1 - block);
+        if (!take(block, mask)) {
+          full = true;
+          break;
+        }
+        if (too_many_misses()) break;
+        round = text + next;
       }
+      if (!full && !too_many_misses()) next = static_cast<std::uint32_t>(round - text);
       if constexpr (Counter::kActive) tally->Pause(at, counts0, counts1, ored, total);
     }
     if (next > to + 1) next = to + 1;
