@@ -366,72 +366,6 @@ TEST(BufferSearchTest, CharacterTests) {
   EXPECT_TRUE(CBuffer<wchar_t>::IsPrintable(L"\x3C3"));
 }
 
-// Search against the plain reference for random texts and terms: every flag combination, both
-// line delimiters (zero through the short form), with a stop callback that never stops (which
-// keeps to the scan's own alignments) and without one (which takes the fast routes). Each result
-// is read back through GetResult and GetResultLength. (SearchKernelSets below runs the scan with
-// each kernel set.)
-template <typename T>
-void CompareWithReference(std::uint32_t seed, int texts) {
-  std::mt19937 rng(seed);
-  CBuffer<T> buffer;
-  int cases = 0;
-  std::size_t occurrences = 0;
-  for (int round = 0; round < texts; ++round) {
-    const std::basic_string<T> text = search_test::RandomText<T>(rng);
-    const std::basic_string<T> term = search_test::RandomTerm(rng, text);
-    if (text.empty()) continue;  // Refused by every form.
-    Fill(buffer, text);
-    const int n = static_cast<int>(text.size());
-    const bool prepared_caseless = rng() % 2 == 0;
-    for (unsigned long flags = 0; flags < 4; ++flags) {
-      CSearchQuery<T> query = Query(term.c_str(), prepared_caseless || (flags & 1) != 0);
-      for (T delimiter : {static_cast<T>('\n'), static_cast<T>(0)}) {
-        SCOPED_TRACE(testing::Message() << "seed " << seed << " round " << round << " flags "
-                                        << flags << " delimiter " << int(delimiter));
-        const Results expected = search_test::NaiveSearch(text, term, flags, delimiter);
-        ++cases;
-        occurrences += expected.size();
-        const auto check = [&](unsigned long found) {
-          ASSERT_EQ(expected.size(), found);
-          ASSERT_EQ(static_cast<int>(expected.size()), buffer.GetResultCount());
-          for (int i = 0; i < buffer.GetResultCount(); ++i) {
-            int line = 0;
-            const T* start = buffer.GetResult(i, line);
-            ASSERT_NE(nullptr, start);
-            const int offset = static_cast<int>(start - buffer.GetBuffer());
-            ASSERT_EQ(expected[i], Result(static_cast<std::uint32_t>(line),
-                                          static_cast<std::uint32_t>(offset)));
-            int end = offset;
-            while (end < n && text[end] != '\n' && text[end] != '\r' && text[end] != 0) ++end;
-            ASSERT_EQ(end - offset, buffer.GetResultLength(i));
-          }
-        };
-        check(delimiter == 0 ? buffer.Search(flags, query)
-                             : SearchAll(buffer, flags, query, delimiter));
-        check(SearchAll(buffer, flags, query, delimiter, &NeverStop));
-        if (::testing::Test::HasFatalFailure()) return;
-      }
-    }
-  }
-  EXPECT_GE(cases, texts * 6);
-  EXPECT_GT(occurrences, static_cast<std::size_t>(cases) / 2) << "the texts hold few matches";
-}
-
-TEST(BufferSearchTest, MatchesTheReference) {
-  CompareWithReference<char>(1, 400);
-  CompareWithReference<wchar_t>(2, 400);
-}
-
-// The same under a locale that folds beyond ASCII (0xE9 and 0xC9, U+0100 and U+0101).
-TEST(BufferSearchTest, MatchesTheReferenceUnderAFoldingLocale) {
-  ASSERT_NE(nullptr, std::setlocale(LC_ALL, "English_United States.1252"));
-  EXPECT_EQ(1, CBuffer<char>::CharEqual("\xE9", "\xC9", true));
-  CompareWithReference<char>(3, 150);
-  CompareWithReference<wchar_t>(4, 150);
-  std::setlocale(LC_ALL, "C");
-}
-
 // The wide caseless route checks the text ahead of itself and gives way to the defining scan
 // where its sets could be wrong or too slow: at a stretch dense with code units above 255, and at
 // a code unit that the C runtime calls equal to a term character though the sets don't know it.
@@ -610,14 +544,20 @@ TEST_P(SearchKernelSets, KernelsMatchTheReference) {
   CompareKernels<wchar_t>(set(), 6, 3000);
 }
 
-// The scan with this set's kernels against the reference: random texts and terms (see
-// CompareWithReference), each between random padding that may hold the term too, every flag
-// with either delimiter, in stretches of random lengths (or the scan's own, which texts of
-// several of them cross now and then), by the fast routes and with a stop callback.
+// Search against the plain reference for random texts and terms, every flag combination with
+// either line delimiter, the scan run with this set's kernels: each text between random padding
+// that may hold the term too, in stretches of random lengths (or the scan's own, which texts of
+// several of them cross now and then), by the fast routes and with a stop callback that never
+// stops (which keeps to the scan's own alignments). With the widest set the buffer's own search
+// runs too (zero as the delimiter through the short form), each result read back through
+// GetResult and GetResultLength.
 template <typename T>
-void CompareScan(const KernelSet& set, std::uint32_t seed, int texts) {
+void CompareWithReference(const KernelSet& set, std::uint32_t seed, int texts) {
   std::mt19937 rng(seed);
   const std::basic_string<T> alphabet = search_test::AlphabetOf(T());
+  const bool widest = &set == &KVT::search_internal::WidestKernels();
+  CBuffer<T> buffer;
+  std::size_t cases = 0, occurrences = 0;
   for (int round = 0; round < texts; ++round) {
     std::basic_string<T> text = search_test::RandomText<T>(rng);
     if (rng() % 40 == 0) {
@@ -631,27 +571,57 @@ void CompareScan(const KernelSet& set, std::uint32_t seed, int texts) {
     for (std::size_t i = rng() % 516; i > 0; --i) memory += alphabet[rng() % alphabet.size()];
     const std::uint32_t stretch = rng() % 4 == 0 ? 0 : 1 + rng() % 200;
     const bool prepared_caseless = rng() % 2 == 0;
+    const int n = static_cast<int>(text.size());
+    if (widest && n > 0) Fill(buffer, text);
     for (unsigned long flags = 0; flags < 4; ++flags) {
-      const CSearchQuery<T> query = Query(term.c_str(), prepared_caseless || (flags & 1) != 0);
+      CSearchQuery<T> query = Query(term.c_str(), prepared_caseless || (flags & 1) != 0);
       for (T delimiter : {static_cast<T>('\n'), static_cast<T>(0)}) {
         SCOPED_TRACE(testing::Message() << "seed " << seed << " round " << round << " flags "
-                                        << flags << " stretch " << stretch);
+                                        << flags << " delimiter " << int(delimiter) << " stretch "
+                                        << stretch);
         const Results expected = search_test::NaiveSearch(text, term, flags, delimiter);
+        ++cases;
+        occurrences += expected.size();
         ASSERT_EQ(expected, Scan(memory.data() + pad, text.size(), query, flags, delimiter,
                                  Forced(set, stretch)));
         search_test::Collect polled;
-        KVT::search_internal::ScanText(memory.data() + pad, static_cast<int>(text.size()), query,
-                                       flags, &NeverStop, nullptr, delimiter, polled,
-                                       Forced(set));
+        KVT::search_internal::ScanText(memory.data() + pad, n, query, flags, &NeverStop, nullptr,
+                                       delimiter, polled, Forced(set));
         ASSERT_EQ(expected, polled.all) << "with a stop callback";
+        if (!widest || n == 0) continue;  // An empty text is refused by every form.
+        const unsigned long found = delimiter == 0 ? buffer.Search(flags, query)
+                                                   : SearchAll(buffer, flags, query, delimiter);
+        ASSERT_EQ(expected.size(), found);
+        ASSERT_EQ(static_cast<int>(expected.size()), buffer.GetResultCount());
+        for (int i = 0; i < buffer.GetResultCount(); ++i) {
+          int line = 0;
+          const T* start = buffer.GetResult(i, line);
+          ASSERT_NE(nullptr, start);
+          const int offset = static_cast<int>(start - buffer.GetBuffer());
+          ASSERT_EQ(expected[i], Result(static_cast<std::uint32_t>(line),
+                                        static_cast<std::uint32_t>(offset)));
+          int end = offset;
+          while (end < n && text[end] != '\n' && text[end] != '\r' && text[end] != 0) ++end;
+          ASSERT_EQ(end - offset, buffer.GetResultLength(i));
+        }
       }
     }
   }
+  EXPECT_GT(occurrences, cases / 2) << "the texts hold few matches";
 }
 
-TEST_P(SearchKernelSets, ScanMatchesTheReference) {
-  CompareScan<char>(set(), 7, 300);
-  CompareScan<wchar_t>(set(), 8, 300);
+TEST_P(SearchKernelSets, MatchesTheReference) {
+  CompareWithReference<char>(set(), 7, 300);
+  CompareWithReference<wchar_t>(set(), 8, 300);
+}
+
+// The same under a locale that folds beyond ASCII (0xE9 and 0xC9, U+0100 and U+0101).
+TEST_P(SearchKernelSets, MatchesTheReferenceUnderAFoldingLocale) {
+  ASSERT_NE(nullptr, std::setlocale(LC_ALL, "English_United States.1252"));
+  EXPECT_EQ(1, CBuffer<char>::CharEqual("\xE9", "\xC9", true));
+  CompareWithReference<char>(set(), 3, 100);
+  CompareWithReference<wchar_t>(set(), 4, 100);
+  std::setlocale(LC_ALL, "C");
 }
 
 // Occurrences at every offset around a stretch boundary, with a line feed on the boundary and
