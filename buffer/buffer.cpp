@@ -233,10 +233,10 @@ void* CBuffer<T>::Malloc(unsigned int size) {
 }  // namespace KVT
 
 // The lines and the search keep their members in files of their own (buffer_lines.cpp,
-// buffer_search.cpp), which instantiate those members themselves: an explicit instantiation of
-// the class instantiates only the members defined where it stands. The declarations in the header
-// export them all.
+// buffer_search.cpp), which instantiate and export those members themselves: an explicit
+// instantiation of the class instantiates only the members defined where it stands. The export:
+// see foundation/export.h.
 namespace KVT {
-template class CBuffer<char>;
-template class CBuffer<wchar_t>;
+template class TERN_TEMPLATE_EXPORT CBuffer<char>;
+template class TERN_TEMPLATE_EXPORT CBuffer<wchar_t>;
 }  // namespace KVT

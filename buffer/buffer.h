@@ -241,8 +241,8 @@ class CBuffer {
   bool AppendRead(T ch);
 };
 
-extern template class TERN_API CBuffer<char>;
-extern template class TERN_API CBuffer<wchar_t>;
+TERN_EXTERN_TEMPLATE(CBuffer<char>)
+TERN_EXTERN_TEMPLATE(CBuffer<wchar_t>)
 
 }  // namespace KVT
 

@@ -141,13 +141,13 @@ T* CBuffer<T>::GetNext(FILE*& stream, int index) {
 
 // The members defined here, for both widths (buffer.cpp instantiates the rest).
 #define TERN_BUFFER_LINES(T)                                        \
-  template T* CBuffer<T>::AddLine(T* start, T* end);                \
-  template bool CBuffer<T>::ToLines();                              \
-  template bool CBuffer<T>::Split(T delimiter);                     \
-  template int CBuffer<T>::ReAllocForFile(FILE* stream);            \
-  template bool CBuffer<T>::AppendRead(T ch);                       \
-  template int CBuffer<T>::Load(FILE* stream);                      \
-  template T* CBuffer<T>::GetNext(FILE*& stream, int index);
+  template TERN_TEMPLATE_EXPORT T* CBuffer<T>::AddLine(T* start, T* end);                \
+  template TERN_TEMPLATE_EXPORT bool CBuffer<T>::ToLines();                              \
+  template TERN_TEMPLATE_EXPORT bool CBuffer<T>::Split(T delimiter);                     \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::ReAllocForFile(FILE* stream);            \
+  template TERN_TEMPLATE_EXPORT bool CBuffer<T>::AppendRead(T ch);                       \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::Load(FILE* stream);                      \
+  template TERN_TEMPLATE_EXPORT T* CBuffer<T>::GetNext(FILE*& stream, int index);
 TERN_BUFFER_LINES(char)
 TERN_BUFFER_LINES(wchar_t)
 #undef TERN_BUFFER_LINES

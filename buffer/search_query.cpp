@@ -219,8 +219,8 @@ int CSearchQuery<T>::StringLength(const wchar_t* text) {
   return Length(text);
 }
 
-// The exports come from the declarations in the header.
-template class CSearchQuery<char>;
-template class CSearchQuery<wchar_t>;
+// The export: see foundation/export.h.
+template class TERN_TEMPLATE_EXPORT CSearchQuery<char>;
+template class TERN_TEMPLATE_EXPORT CSearchQuery<wchar_t>;
 
 }  // namespace KVT

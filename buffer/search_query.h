@@ -80,8 +80,8 @@ class CSearchQuery {
   unsigned short tableSize;      // One more than the largest base value entered.
 };
 
-extern template class TERN_API CSearchQuery<char>;
-extern template class TERN_API CSearchQuery<wchar_t>;
+TERN_EXTERN_TEMPLATE(CSearchQuery<char>)
+TERN_EXTERN_TEMPLATE(CSearchQuery<wchar_t>)
 
 }  // namespace KVT
 

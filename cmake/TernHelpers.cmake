@@ -1,20 +1,46 @@
 # Shared settings for every target of the project.
+#
+# Two compiler families build it: GCC (MinGW-w64) and Microsoft's ABI, either cl.exe on Windows
+# or clang-cl in the cross build, for both of which CMake sets MSVC and takes cl.exe's switches
+# (clang-cl's compiler id is Clang; its front end is MSVC's). What only one family has stays
+# behind `if(MSVC)` here.
 
 # The Windows headers as the library wants them: Windows 7 API level on purpose (MinGW's default
 # differs between versions), lean, and without the min/max macros.
 add_library(tern_windows_flags INTERFACE)
 target_compile_definitions(tern_windows_flags INTERFACE
   _WIN32_WINNT=0x0601 WINVER=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX)
-target_compile_options(tern_windows_flags INTERFACE
-  -Wall -Wextra -Wno-unknown-pragmas $<$<CONFIG:Release>:-O2>)
+if(MSVC)
+  # Warning level 4; sources and literals as UTF-8 (cl.exe would read them in the system's code
+  # page); __cplusplus as the standard says (cl.exe reports 199711L without it).
+  target_compile_options(tern_windows_flags INTERFACE /W4 /utf-8 /Zc:__cplusplus)
+else()
+  target_compile_options(tern_windows_flags INTERFACE
+    -Wall -Wextra -Wno-unknown-pragmas $<$<CONFIG:Release>:-O2>)
+endif()
+
+# The system part of the release zip's name: win32 or win64, and -msvc for Microsoft's ABI, whose
+# C++ interface (names, vtables, exceptions) differs from GCC's.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(TERN_PACKAGE_SYSTEM win32)
+else()
+  set(TERN_PACKAGE_SYSTEM win64)
+endif()
+if(MSVC)
+  string(APPEND TERN_PACKAGE_SYSTEM -msvc)
+endif()
 
 # How every module of the project links the MinGW runtime. libstdc++ and winpthread are static, so
 # TernCoreLib.dll needs no MinGW DLL but one: in the i686 build libgcc stays shared
 # (libgcc_s_dw2-1.dll). There exceptions unwind by DWARF-2 tables, and a C++ exception only
 # crosses from one module into another when both use the same unwinder; with a static libgcc each
 # module has its own, and a _com_error thrown in the DLL terminates the application. x86_64 unwinds
-# through SEH, so libgcc is static there.
+# through SEH, so libgcc is static there. In Microsoft's ABI every module links the shared C and
+# C++ runtime (/MD, CMake's default), which needs nothing here.
 function(tern_link_runtime target)
+  if(MSVC)
+    return()
+  endif()
   target_link_options(${target} PRIVATE -static-libstdc++ -L${TERN_STATIC_RUNTIME_DIR})
   if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     target_link_options(${target} PRIVATE -shared-libgcc)
@@ -27,21 +53,24 @@ endfunction()
 # DLL's import library. A folder searched first that holds only the static archive under both
 # names makes that link static. (--whole-archive would work too, but also drags in winpthread's
 # own VERSIONINFO, which collides with the DLL's.)
-set(TERN_STATIC_RUNTIME_DIR "${PROJECT_BINARY_DIR}/static-runtime")
-execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libwinpthread.a
-                OUTPUT_VARIABLE TERN_WINPTHREAD_A OUTPUT_STRIP_TRAILING_WHITESPACE)
-if(NOT EXISTS "${TERN_WINPTHREAD_A}")
-  message(FATAL_ERROR "libwinpthread.a not found for ${CMAKE_CXX_COMPILER}")
+if(NOT MSVC)
+  set(TERN_STATIC_RUNTIME_DIR "${PROJECT_BINARY_DIR}/static-runtime")
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libwinpthread.a
+                  OUTPUT_VARIABLE TERN_WINPTHREAD_A OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(NOT EXISTS "${TERN_WINPTHREAD_A}")
+    message(FATAL_ERROR "libwinpthread.a not found for ${CMAKE_CXX_COMPILER}")
+  endif()
+  file(MAKE_DIRECTORY "${TERN_STATIC_RUNTIME_DIR}")
+  configure_file("${TERN_WINPTHREAD_A}" "${TERN_STATIC_RUNTIME_DIR}/libpthread.a" COPYONLY)
+  configure_file("${TERN_WINPTHREAD_A}" "${TERN_STATIC_RUNTIME_DIR}/libwinpthread.a" COPYONLY)
 endif()
-file(MAKE_DIRECTORY "${TERN_STATIC_RUNTIME_DIR}")
-configure_file("${TERN_WINPTHREAD_A}" "${TERN_STATIC_RUNTIME_DIR}/libpthread.a" COPYONLY)
-configure_file("${TERN_WINPTHREAD_A}" "${TERN_STATIC_RUNTIME_DIR}/libwinpthread.a" COPYONLY)
 
 # The MinGW DLLs that the i686 build's modules need at run time: libgcc_s_dw2-1.dll, and the
-# libwinpthread-1.dll that the posix compilers' libgcc DLL itself imports. Empty for x86_64.
+# libwinpthread-1.dll that the posix compilers' libgcc DLL itself imports. Empty for x86_64 and in
+# Microsoft's ABI, whose runtime DLLs are the system's.
 function(tern_runtime_dlls out)
   set(dlls "")
-  if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT MSVC)
     foreach(name libgcc_s_dw2-1.dll libwinpthread-1.dll)
       execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${name}
                       OUTPUT_VARIABLE dll OUTPUT_STRIP_TRAILING_WHITESPACE)
@@ -133,15 +162,18 @@ endfunction()
 
 # GoogleTest built from Debian's sources with the cross compiler.
 macro(tern_setup_googletest)
-  set(TERN_GTEST_DIR "/usr/src/googletest" CACHE PATH "GoogleTest sources")
   set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
   set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
   set(gtest_disable_pthreads OFF CACHE BOOL "" FORCE)
+  # The shared C runtime (/MD) like everything else here, not GoogleTest's default static one.
+  set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
   add_subdirectory(${TERN_GTEST_DIR} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
   # Nobody steps through GoogleTest itself, and its speed hardly shows in a test run: debug
   # information and the last optimisations only cost compile time.
-  target_compile_options(gtest PRIVATE -g0 -O1)
-  target_compile_options(gtest_main PRIVATE -g0 -O1)
+  if(NOT MSVC)
+    target_compile_options(gtest PRIVATE -g0 -O1)
+    target_compile_options(gtest_main PRIVATE -g0 -O1)
+  endif()
   # GoogleTest's header and the Windows headers, compiled once for every test source and then
   # reused by every test program, which all compile with the same flags (tern_test_flags).
   add_library(tern_test_pch OBJECT ${PROJECT_SOURCE_DIR}/tests/precompiled.cpp)
@@ -156,7 +188,9 @@ endmacro()
 # third of their compile time).
 add_library(tern_test_flags INTERFACE)
 target_link_libraries(tern_test_flags INTERFACE tern_windows_flags)
-target_compile_options(tern_test_flags INTERFACE $<$<CONFIG:RelWithDebInfo,Debug>:-g1>)
+if(NOT MSVC)
+  target_compile_options(tern_test_flags INTERFACE $<$<CONFIG:RelWithDebInfo,Debug>:-g1>)
+endif()
 
 # A test program linked like an application of the library. It runs as one process, and each of
 # its tests still has a CTest entry of its own that passes or fails with it (gtest_program.cmake).

@@ -23,6 +23,23 @@ configure_package_config_file(cmake/TernCoreLibConfig.cmake.in
   ${PROJECT_BINARY_DIR}/TernCoreLibConfig.cmake INSTALL_DESTINATION ${TERN_CONFIG_DIR})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/TernCoreLibConfigVersion.cmake
   COMPATIBILITY SameMinorVersion)
+# The package's C++ interface (names, vtables, exceptions) is that of one ABI, GCC's or
+# Microsoft's, and the other side cannot use it: find_package passes over a package of the other
+# ABI as it does over one of the other word size.
+if(MSVC)
+  set(abi_test "MSVC")
+  set(abi_name "Microsoft's ABI: MSVC or clang-cl")
+else()
+  set(abi_test "NOT MSVC")
+  set(abi_name "GCC's ABI: MinGW")
+endif()
+file(APPEND ${PROJECT_BINARY_DIR}/TernCoreLibConfigVersion.cmake "
+# The C++ ABI of the package: ${abi_name}.
+if(NOT (${abi_test}))
+  set(PACKAGE_VERSION \"\${PACKAGE_VERSION} (${abi_name})\")
+  set(PACKAGE_VERSION_UNSUITABLE TRUE)
+endif()
+")
 install(FILES ${PROJECT_BINARY_DIR}/TernCoreLibConfig.cmake
               ${PROJECT_BINARY_DIR}/TernCoreLibConfigVersion.cmake
         DESTINATION ${TERN_CONFIG_DIR})

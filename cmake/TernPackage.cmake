@@ -1,14 +1,11 @@
-# cpack (./tern package) turns the install into TernCoreLib-<version>-win32.zip or -win64.zip:
-# bin/TernCoreLib.dll (and the MinGW DLLs that the i686 build needs), lib/TernCoreLib.lib, the
-# headers under include/TernCoreLib, the CMake package under lib/cmake/TernCoreLib, the README
-# and the CHANGELOG.
+# cpack (./tern package) turns the install into TernCoreLib-<version>-<system>.zip: win32 and
+# win64 from the MinGW builds, win32-msvc and win64-msvc from Microsoft's ABI. Each holds
+# bin/TernCoreLib.dll (and the MinGW DLLs that the MinGW i686 build needs), lib/TernCoreLib.lib,
+# the headers under include/TernCoreLib, the CMake package under lib/cmake/TernCoreLib, the
+# README and the CHANGELOG.
 install(FILES README.md CHANGELOG.md DESTINATION .)
 
-if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-  set(CPACK_SYSTEM_NAME win32)
-else()
-  set(CPACK_SYSTEM_NAME win64)
-endif()
+set(CPACK_SYSTEM_NAME ${TERN_PACKAGE_SYSTEM})
 set(CPACK_GENERATOR ZIP)
 set(CPACK_PACKAGE_NAME TernCoreLib)
 set(CPACK_PACKAGE_VENDOR "TernCoreLib developers")

@@ -3,8 +3,9 @@
 
 // What differs between the compilers that build the library: GCC (MinGW) and Microsoft's ABI
 // (cl.exe, or clang-cl, which defines _MSC_VER and so takes the same branch). Internal to the
-// library: bit scans, byte swaps, inlining hints, loop unrolling and the processor's
-// identification. Nothing else in the library names a builtin, an attribute or a target pragma.
+// library and its tools: bit scans, byte swaps, inlining hints, a function's instruction set, loop
+// unrolling and the processor's identification. Nothing else names a builtin, an attribute or a
+// target pragma.
 //
 // The functions have internal linkage (static) on purpose. The files of the vector kernels are
 // compiled for instruction sets beyond the baseline and include this header; an ordinary inline

@@ -2,7 +2,10 @@
 #define TERNCORELIB_FOUNDATION_X_ARRAY_H_
 
 // XArray<T>: the library's growable array, header-only and outside the namespace, since the
-// application meets it directly (String::ToTokens fills one that the caller made).
+// application meets it directly (String::ToTokens fills one that the caller made). Its code is
+// compiled on both sides of the DLL boundary and frees, through the C runtime's free and
+// operator delete, blocks that the other side allocated: the application and the DLL share one
+// C runtime (an MSVC application links the shared one, /MD).
 
 #include <climits>
 #include <cstddef>

@@ -162,7 +162,7 @@ bool CSocketMsgReceiver::AddMessage(void* data, int size) {
 
 int CSocketMsgReceiver::GetQueueSize() {
   lock.Lock();
-  const auto size = static_cast<int>(ready.size());
+  const int size = ready.Size();
   lock.Unlock();
   return size;
 }
@@ -170,9 +170,8 @@ int CSocketMsgReceiver::GetQueueSize() {
 CSocketMsg* CSocketMsgReceiver::NewMessage() {
   lock.Lock();
   CSocketMsg* message;
-  if (!reusable.empty()) {
-    message = reusable.front();
-    reusable.pop_front();
+  if (!reusable.IsEmpty()) {
+    message = reusable.PopFront();
     message->Reset();
   } else {
     message = CreateMessage();
@@ -183,8 +182,8 @@ CSocketMsg* CSocketMsgReceiver::NewMessage() {
 
 unsigned int CSocketMsgReceiver::Push(CSocketMsg* message) {
   lock.Lock();
-  ready.push_back(message);
-  const auto size = static_cast<unsigned int>(ready.size());
+  ready.PushBack(message);
+  const auto size = static_cast<unsigned int>(ready.Size());
   lock.Unlock();
   return size;
 }
@@ -192,10 +191,9 @@ unsigned int CSocketMsgReceiver::Push(CSocketMsg* message) {
 CSocketMsg* CSocketMsgReceiver::Pop() {
   lock.Lock();
   CSocketMsg* message = nullptr;
-  if (!ready.empty()) {
-    message = ready.front();
-    ready.pop_front();
-    reusable.push_back(message);
+  if (!ready.IsEmpty()) {
+    message = ready.PopFront();
+    reusable.PushBack(message);
   }
   lock.Unlock();
   return message;

@@ -1,7 +1,7 @@
 #ifndef TERNCORELIB_NET_SOCKET_MSG_H_
 #define TERNCORELIB_NET_SOCKET_MSG_H_
 
-#include <deque>
+#include <cstdlib>
 
 #include "foundation/export.h"
 #include "sync/lock.h"
@@ -93,6 +93,84 @@ class TERN_API CSocketMsg {
   void ReleasePacket();
 };
 
+// A first-in, first-out queue of message pointers, the two queues of CSocketMsgReceiver: a ring
+// in one block of the C runtime's heap that doubles when it is full, so that both ends work in
+// constant time. The library's own type rather than std::deque, because the application compiles
+// the receiver's layout into its subclass, and a standard-library type is laid out by whichever
+// C++ library each side is built with (a debug build of the same one may differ again). Inline,
+// like XArray, so that both sides run the same code.
+//
+// Copies copy the pointers. When memory runs out, PushBack leaves the queue as it was and gives
+// false, and a copy comes out empty.
+class CMsgQueue {
+ public:
+  // Empty, with no block.
+  CMsgQueue() = default;
+  // The same entries in a block of its own; empty if memory runs out.
+  CMsgQueue(const CMsgQueue& other) { CopyFrom(other); }
+  // Lets go of its block and takes a copy of `other`'s entries, as the copy constructor does.
+  CMsgQueue& operator=(const CMsgQueue& other) {
+    if (this != &other) {
+      std::free(items);
+      items = nullptr;
+      capacity = head = count = 0;
+      CopyFrom(other);
+    }
+    return *this;
+  }
+  // Frees the block; the messages stay.
+  ~CMsgQueue() { std::free(items); }
+
+  // The entries.
+  int Size() const { return count; }
+  // Whether there is no entry.
+  bool IsEmpty() const { return count == 0; }
+  // Appends `message` as the newest entry; false, with the queue as it was, if memory runs out.
+  bool PushBack(CSocketMsg* message) {
+    if (count == capacity && !Grow()) return false;
+    items[(head + count) % capacity] = message;
+    ++count;
+    return true;
+  }
+  // The oldest entry, removed; null when the queue is empty.
+  CSocketMsg* PopFront() {
+    if (count == 0) return nullptr;
+    CSocketMsg* message = items[head];
+    head = (head + 1) % capacity;
+    --count;
+    return message;
+  }
+
+  CSocketMsg** items = nullptr;  // `capacity` slots from malloc; null before the first push.
+  int capacity = 0;              // Slots in `items`.
+  int head = 0;                  // The slot of the oldest entry.
+  int count = 0;                 // Entries, from `head` on, wrapping around.
+
+ private:
+  // Moves the entries, oldest first, into a block of twice the slots (16 at first).
+  bool Grow() {
+    const int slots = capacity == 0 ? 16 : capacity * 2;
+    if (slots <= capacity || static_cast<unsigned>(slots) > ~0u / sizeof(CSocketMsg*)) {
+      return false;
+    }
+    auto* block = static_cast<CSocketMsg**>(std::malloc(sizeof(CSocketMsg*) * slots));
+    if (block == nullptr) return false;
+    for (int i = 0; i < count; ++i) block[i] = items[(head + i) % capacity];
+    std::free(items);
+    items = block;
+    capacity = slots;
+    head = 0;
+    return true;
+  }
+  void CopyFrom(const CMsgQueue& other) {
+    if (other.count == 0) return;
+    items = static_cast<CSocketMsg**>(std::malloc(sizeof(CSocketMsg*) * other.count));
+    if (items == nullptr) return;
+    for (int i = 0; i < other.count; ++i) items[i] = other.items[(other.head + i) % other.capacity];
+    capacity = count = other.count;
+  }
+};
+
 // Cuts a stream of chunks into packets and queues them. The subclass supplies the message
 // objects (CreateMessage) and takes the finished ones with Pop; the library never destroys a
 // message object, not even in the destructor, so the subclass keeps track of those it created.
@@ -136,9 +214,9 @@ class TERN_API CSocketMsgReceiver {
   void UnlockQueue();
 
   CSocketMsg* current;  // Under assembly; null between packets. Not guarded by `lock`.
-  CLock lock;                        // Guards `ready` and `reusable`.
-  std::deque<CSocketMsg*> ready;     // Oldest first.
-  std::deque<CSocketMsg*> reusable;  // Handed out by Pop, oldest first.
+  CLock lock;           // Guards `ready` and `reusable`.
+  CMsgQueue ready;      // Oldest first.
+  CMsgQueue reusable;   // Handed out by Pop, oldest first.
 
  private:
   // The oldest reusable message, reset, or else a new one from CreateMessage.

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what the build needs on a Debian 12 machine, and nothing when it is all there already:
 # the MinGW-w64 -posix cross compilers, CMake, Ninja, the GoogleTest sources and Wine with its
-# 32- and 64-bit halves, and Python for the tests that drive the example servers.
+# 32- and 64-bit halves, Python for the tests that drive the example servers and check the DLL's
+# boundary, and for the builds in Microsoft's ABI clang-cl, lld-link, the LLVM tools, libc++'s
+# headers and Wine's development files.
 # `setup.sh bench [DIR]` also fetches Google Benchmark's source package into DIR/benchmark (by
 # default build/third_party/benchmark of the checkout) and installs ripgrep, which
 # bench/grep_compare.sh times beside GNU grep; `setup.sh docs` installs Doxygen.
@@ -102,6 +104,35 @@ SRC
     echo ":qemu-i386:M::$magic:$mask:$qemu:F" | as_root tee "$binfmt/register" >/dev/null
   fi
   /usr/lib/wine/wine --version >/dev/null 2>&1 || { echo "setup: 32-bit Wine still cannot start" >&2; exit 1; }
+fi
+
+# Microsoft's ABI (cross/msvc): clang-cl (clang-tools-14), lld-link, llvm-rc, llvm-lib, llvm-ar
+# and the tools that read the DLL's exports (llvm-14), libc++'s headers, and libwine-dev for Wine's MSVC-mode headers and x86_64 import
+# libraries, at the version of the installed Wine. The i386 import libraries come from
+# libwine-dev:i386, which cross/msvc/make-sysroot.sh downloads and unpacks into the build tree
+# itself: installing it may make apt remove the compilers. apt is asked first what it would do,
+# and nothing is installed if that removes anything.
+msvc=()
+have clang-cl-14 || msvc+=(clang-tools-14)
+have lld-link-14 || msvc+=(lld-14)
+for tool in llvm-rc-14 llvm-lib-14 llvm-ar-14 llvm-readobj-14 llvm-undname-14; do
+  have "$tool" || { msvc+=(llvm-14); break; }
+done
+[ -f /usr/lib/llvm-14/include/c++/v1/vector ] || msvc+=(libc++-14-dev)
+if ! installed libwine-dev; then
+  msvc+=("libwine-dev=$(dpkg-query -W -f='${Version}' libwine:amd64)")
+fi
+if [ "${#msvc[@]}" -gt 0 ]; then
+  apt_update
+  plan=$(as_root apt-get -s install --no-install-recommends "${msvc[@]}" 2>&1) ||
+    { echo "$plan" >&2; exit 1; }
+  if grep -q '^Remv ' <<<"$plan"; then
+    echo "setup: installing ${msvc[*]} would remove packages, so nothing was installed:" >&2
+    grep '^Remv ' <<<"$plan" >&2
+    exit 1
+  fi
+  echo "setup: installing ${msvc[*]}" >&2
+  as_root apt-get install -y -qq --no-install-recommends "${msvc[@]}" >/dev/null
 fi
 
 # Google Benchmark ships only as a Linux build; its source package builds under MinGW.

@@ -24,7 +24,6 @@
 #include <io.h>
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -33,8 +32,6 @@
 #include <memory>
 #include <new>
 #include <string>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include "buffer/buffer.h"
@@ -184,10 +181,17 @@ class Output {
   }
   void Put(const std::string& text) { Put(text.data(), text.size()); }
   void Put(char ch) { text_ += ch; }
+  // Digits from the right. (std::to_chars would do, but libc++ keeps its integer form in its
+  // compiled library, which the MSVC-ABI cross build uses headers-only.)
   void PutNumber(std::uint64_t value) {
     char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof(digits), value).ptr;
-    Put(digits, static_cast<std::size_t>(end - digits));
+    char* const end = digits + sizeof(digits);
+    char* start = end;
+    do {
+      *--start = static_cast<char>('0' + value % 10);
+      value /= 10;
+    } while (value != 0);
+    Put(start, static_cast<std::size_t>(end - start));
   }
   void Flush() {
     if (!text_.empty() && !failed_ &&
@@ -238,6 +242,45 @@ constexpr DWORD kPieceBytes = 1 << 20;
 constexpr std::size_t kHeadBytes = 64 << 10;
 constexpr std::size_t kTailBytes = 128 << 10;
 
+// A thread of the system's that runs `owner->Work()`; Join waits for it to end. (The C++ library's
+// threads keep their code in its compiled part, which the MSVC-ABI cross build does without.)
+template <typename Owner>
+class WorkThread {
+ public:
+  WorkThread() = default;
+  WorkThread(const WorkThread&) = delete;
+  WorkThread& operator=(const WorkThread&) = delete;
+  ~WorkThread() { Join(); }
+
+  // False where the system gives no thread.
+  bool Start(Owner* owner) {
+    handle_ = CreateThread(nullptr, 0, &Run, owner, 0, nullptr);
+    return handle_ != nullptr;
+  }
+  bool running() const { return handle_ != nullptr; }
+  void Join() {
+    if (handle_ == nullptr) return;
+    WaitForSingleObject(handle_, INFINITE);
+    CloseHandle(handle_);
+    handle_ = nullptr;
+  }
+
+ private:
+  static DWORD WINAPI Run(void* owner) {
+    static_cast<Owner*>(owner)->Work();
+    return 0;
+  }
+
+  HANDLE handle_ = nullptr;
+};
+
+// The processors the system runs this program on.
+unsigned Processors() {
+  SYSTEM_INFO info;
+  GetSystemInfo(&info);
+  return info.dwNumberOfProcessors;
+}
+
 class PieceBlock {
  public:
   // False where memory runs out.
@@ -280,19 +323,13 @@ class PieceReader {
     stop_ = true;
     ReleaseSRWLockExclusive(&lock_);
     WakeAllConditionVariable(&changed_);
-    if (thread_.joinable()) thread_.join();
+    thread_.Join();
   }
 
   // Reads `handle` from its current position on; false where memory or a thread can't be had.
   bool Begin(HANDLE handle) {
     if (!blocks_[0].Make() || !blocks_[1].Make()) return false;
-    if (!thread_.joinable()) {
-      try {
-        thread_ = std::thread([this] { Work(); });
-      } catch (const std::system_error&) {
-        return false;
-      }
-    }
+    if (!thread_.running() && !thread_.Start(this)) return false;
     handle_ = handle;
     held_ = 1;
     Request(0);
@@ -326,6 +363,7 @@ class PieceReader {
   }
 
  private:
+  friend class WorkThread<PieceReader>;
   enum State { kFree, kAsked, kReading, kReady, kHeld };
 
   void Request(int block) {
@@ -365,7 +403,7 @@ class PieceReader {
   DWORD got_[2] = {0, 0};
   bool ok_[2] = {true, true};
   bool stop_ = false;
-  std::thread thread_;
+  WorkThread<PieceReader> thread_;
   SRWLOCK lock_ = SRWLOCK_INIT;
   CONDITION_VARIABLE changed_ = CONDITION_VARIABLE_INIT;
 };
@@ -762,20 +800,14 @@ class ReadAhead {
 
   explicit ReadAhead(const std::vector<Job>& jobs) : jobs_(jobs) {
     // The readers mostly wait for the system, so two of them pay even on one processor.
-    unsigned threads = std::thread::hardware_concurrency();
-    threads = std::max(2u, std::min(threads, kMaxThreads));
+    unsigned threads = std::max(2u, std::min(Processors(), kMaxThreads));
     std::size_t files = 0;
     for (const Job& job : jobs) files += job.kind == Job::kFile;
     if (files < 2) return;  // Nothing to overlap.
     threads = static_cast<unsigned>(std::min<std::size_t>(threads, files));
     slots_ = std::vector<Slot>(threads * kJobsPerThread);
-    for (unsigned i = 0; i < threads; ++i) {
-      try {
-        threads_.emplace_back([this] { Work(); });
-      } catch (const std::system_error&) {
-        break;  // Fewer threads, or none: the searcher then reads for itself.
-      }
-    }
+    // Fewer threads where the system gives fewer, or none: the searcher then reads for itself.
+    while (running_ < threads && threads_[running_].Start(this)) ++running_;
   }
 
   ~ReadAhead() {
@@ -783,7 +815,7 @@ class ReadAhead {
     stop_ = true;
     ReleaseSRWLockExclusive(&lock_);
     WakeAllConditionVariable(&room_);
-    for (std::thread& thread : threads_) thread.join();
+    for (unsigned i = 0; i < running_; ++i) threads_[i].Join();
   }
 
   ReadAhead(const ReadAhead&) = delete;
@@ -792,7 +824,7 @@ class ReadAhead {
   // What was read ahead of job `index` (a file), once it is there; null where nothing is read
   // ahead. The slot is the caller's until Done(index).
   Slot* Wait(std::size_t index) {
-    if (threads_.empty()) return nullptr;
+    if (running_ == 0) return nullptr;
     Slot& slot = slots_[index % slots_.size()];
     AcquireSRWLockExclusive(&lock_);
     while (slot.state != Slot::kReady || slot.job != index) {
@@ -804,7 +836,7 @@ class ReadAhead {
 
   // Job `index` is done with (whatever its kind): its slot is free again, and the window moves on.
   void Done(std::size_t index) {
-    if (threads_.empty()) return;
+    if (running_ == 0) return;
     AcquireSRWLockExclusive(&lock_);
     Slot& slot = slots_[index % slots_.size()];
     if (slot.state == Slot::kReady && slot.job == index) {
@@ -817,6 +849,7 @@ class ReadAhead {
   }
 
  private:
+  friend class WorkThread<ReadAhead>;
   static constexpr unsigned kMaxThreads = 16;
   static constexpr std::size_t kJobsPerThread = 4;
 
@@ -861,7 +894,8 @@ class ReadAhead {
 
   const std::vector<Job>& jobs_;
   std::vector<Slot> slots_;  // Job j's is slots_[j % size].
-  std::vector<std::thread> threads_;
+  WorkThread<ReadAhead> threads_[kMaxThreads];
+  unsigned running_ = 0;
   // The system's own lock and condition variables: the C++ library's here are built on
   // semaphores, which under Wine cost a round trip to its server for every wait and wake.
   SRWLOCK lock_ = SRWLOCK_INIT;

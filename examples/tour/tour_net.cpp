@@ -53,7 +53,8 @@ class Messages : public KVT::CLengthMsgReceiver {
 // The server side: the listener, and the receiver of the one connection.
 class Server : public KVT::ISOListener {
  public:
-  Server() : listening_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+  explicit Server(unsigned short port)
+      : port_(port), listening_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
   ~Server() {
     if (connection_ != nullptr) {
       connection_->Shutdown();
@@ -61,10 +62,13 @@ class Server : public KVT::ISOListener {
     }
   }
 
-  // ISOListener, on the listening thread.
+  // ISOListener, on the listening thread. The port is a free one that the system picked: the
+  // tour says that it is the one asked for rather than print it, so that its output stays the
+  // same from run to run.
   bool IsStopping() override { return stop_; }
   bool OnListening(wchar_t const*, wchar_t const* ipAddress, unsigned short port) override {
-    std::printf("  2. OnListening: bound and listening on %ls port %u\n", ipAddress, port);
+    std::printf("  2. OnListening: bound and listening on %ls, on the port asked for: %s\n",
+                ipAddress, port == port_ ? "yes" : "no");
     ::SetEvent(listening_.Get());
     return true;
   }
@@ -91,6 +95,7 @@ class Server : public KVT::ISOListener {
   Messages messages;
 
  private:
+  unsigned short port_;
   volatile bool stop_ = false;
   KVT::ScopedHandle listening_;
   std::unique_ptr<KVT::CClientSocket> connection_;
@@ -125,7 +130,7 @@ bool RunRoad() {
   std::wcscpy(info.host, L"127.0.0.1");
   info.port = port;
 
-  Server side;
+  Server side(port);
   KVT::CServerSocket server(&side, 0, &info);
   std::printf("  1. CServerSocket::Listen starts the listening thread\n");
   bool ok = server.Listen(0) == 1 && side.WaitForListening();

@@ -8,6 +8,7 @@ int main() {
   std::printf("before\n");
   std::fflush(stdout);
   std::fprintf(stderr, "own error line\n");
+  std::fflush(stderr);  // Wine's ucrtbase.dll (the MSVC-ABI builds) holds it back otherwise.
   int local = 0;
   ::HeapFree(::GetProcessHeap(), 0, &local);
   std::printf("after\n");

@@ -2,7 +2,9 @@
 # what it holds, builds tests/package against it with nothing but CMAKE_PREFIX_PATH, runs the
 # program under Wine, and checks that find_package refuses a version the package doesn't satisfy.
 #   cmake -DBUILD_DIR=... -DSOURCE_DIR=... -DTOOLCHAIN=... -DWORK_DIR=... -DWINE_RUN=...
-#         -DCPACK=... -DVERSION=... -DSYSTEM=win32|win64 -P run_package_test.cmake
+#         -DCPACK=... -DVERSION=... -DSYSTEM=win32|win64|win32-msvc|win64-msvc
+#         -P run_package_test.cmake
+# TOOLCHAIN is the build's own: the MinGW zips are used with MinGW, the MSVC ones with clang-cl.
 cmake_minimum_required(VERSION 3.20)
 
 include(${CMAKE_CURRENT_LIST_DIR}/../run_step.cmake)
@@ -25,7 +27,7 @@ foreach(f bin/TernCoreLib.dll lib/TernCoreLib.lib include/TernCoreLib/TernCoreLi
 endforeach()
 foreach(f IN LISTS files)
   if(f MATCHES "^bin/(libgcc|libwinpthread)" AND NOT SYSTEM STREQUAL "win32")
-    message(FATAL_ERROR "${name}.zip holds ${f}, which only the 32-bit build needs")
+    message(FATAL_ERROR "${name}.zip holds ${f}, which only the 32-bit MinGW build needs")
   elseif(NOT f MATCHES "^(bin/[^/]+\\.dll|lib/TernCoreLib\\.lib|lib/cmake/TernCoreLib/[^/]+\\.cmake|include/TernCoreLib/.+\\.h|README\\.md|CHANGELOG\\.md)$")
     message(FATAL_ERROR "${name}.zip holds ${f}, which is no part of a release")
   endif()
