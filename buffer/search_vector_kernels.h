@@ -98,6 +98,9 @@ constexpr std::uint32_t kDenseRound = 3;
 // ignore it, and it reads nothing that the program sees, past the text's end included).
 constexpr std::uint32_t kPrefetchBytes = 1024;
 
+template <typename Vec, typename T>
+TERN_ALWAYS_INLINE LineCount CountShort(const T* p, std::uint32_t count, T delimiter);
+
 // What find may be asked to count of its stretch (search_kernels.h's Census), counted a round at
 // a time inside find's loop, as the filter's loads bring the text in (and just behind them), so
 // that the text crosses the memory bus once. Finish counts the rest. With kHigh it also ORs the
@@ -122,7 +125,22 @@ class Tally {
     const T* last;
     V delimiters;
   };
-  TERN_ALWAYS_INLINE Cursor Resume() const {
+  // The rounds are counted from an aligned address on (loads that cross no cache line); the
+  // characters before it are counted here.
+  Cursor Resume() {
+    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(text_ + counted_);
+    const std::uint32_t head =
+        static_cast<std::uint32_t>((Vec::kBytes - address % Vec::kBytes) % Vec::kBytes);
+    if (head % sizeof(T) == 0 && head / sizeof(T) <= end_ - counted_) {
+      const T* from = text_ + counted_;
+      total_ += CountShort<Vec>(from, head / sizeof(T), delimiter_).count;
+      if constexpr (kHigh) {
+        for (std::uint32_t i = 0; i < head / sizeof(T); ++i) {
+          if (from[i] > 255) ored_ = Vec::Splat(static_cast<T>(0xFF00));
+        }
+      }
+      counted_ += head / sizeof(T);
+    }
     const T* last =
         end_ - counted_ >= S::kRound ? text_ + end_ - S::kRound : text_ + counted_ - 1;
     return Cursor{text_ + counted_, last, Vec::Splat(delimiter_)};
