@@ -677,17 +677,6 @@ class Searcher {
   std::uint64_t last_line_ = 0;     // The last line printed.
 };
 
-// Sole owner of a directory search of FindFirstFileW, which FindClose ends (not CloseHandle).
-struct FindHandle {
-  explicit FindHandle(HANDLE find) : handle(find) {}
-  FindHandle(const FindHandle&) = delete;
-  FindHandle& operator=(const FindHandle&) = delete;
-  ~FindHandle() {
-    if (handle != INVALID_HANDLE_VALUE) FindClose(handle);
-  }
-  const HANDLE handle;
-};
-
 // One thing to do, in the order of the output: a file to search, standard input, or a failure
 // to report (a missing operand, a directory that can't be listed).
 struct Job {
