@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# Times ternsearch against GNU grep -F on the same files in one run: a 256 MiB corpus made of the
-# licence and copyright texts found on this machine, and a tree of 20,000 files (200 MiB) cut from
-# it. Each case is the median of 5 runs; both tools write to a file (GNU grep stops at its first
-# match when its output is /dev/null, and Wine writes there slowly). A run of the tool that
-# searches nothing (--help) gives the floor of starting a program under Wine; the last column,
-# (ternsearch - floor) / grep, is what the search itself costs against grep's whole run.
+# Times ternsearch against GNU grep -F and ripgrep (rg -F, one thread, no memory map: it reads as
+# ternsearch reads) on the same files in one run: a 256 MiB corpus made of the licence and
+# copyright texts found on this machine, and a tree of 20,000 files (200 MiB) cut from it. Each
+# case is the median of 5 runs; the tools write to a file (GNU grep stops at its first match when
+# its output is /dev/null, and Wine writes there slowly). A run of the tool that searches nothing
+# (--help) gives the floor of starting a program under Wine; (ternsearch - floor) / grep and
+# (ternsearch - floor) / rg are what the search itself costs against the other tools' whole runs.
+# For the tree, a bare walk (tern_tree_walk, beside ternsearch.exe) that opens, reads and closes
+# every file on one thread with the same calls and searches nothing is the floor that Wine's file
+# calls set; ternsearch / walk below 1 means that reading ahead on other threads hides part of it.
 # Seconds, medians; the load average shows how busy the machine was.
 #
 #   bench/grep_compare.sh [TERNSEARCH.EXE]
@@ -74,14 +78,17 @@ median() { sort -n | sed -n 3p; }
 
 rare=Sleepycat
 common=Software
+walker=$(dirname "$exe")/tern_tree_walk.exe
+have_rg=0
+command -v rg >/dev/null 2>&1 && have_rg=1
 echo "ternsearch: $exe ($wine); load before: $(cut -d' ' -f1-3 /proc/loadavg)"
-printf '%-28s %9s %9s %9s %7s %18s\n' case floor ternsearch grep ratio "(tern-floor)/grep"
-# Five rounds of the floor, ternsearch and grep, interleaved so that a change of the machine's
-# load meets all three alike; the medians of each. Each round starts with an untimed run, so that
-# the floor and ternsearch both start right behind another program under Wine (Wine's own
-# helper processes end when they have been idle for a moment, and the next start waits for them).
-row() {
-  local label=$1 tern_args=$2 grep_args=$3 floors=() terns=() greps=()
+# Five rounds of each tool, interleaved so that a change of the machine's load meets all alike;
+# the medians of each. Each round starts with an untimed run, so that the floor and ternsearch
+# both start right behind another program under Wine (Wine's own helper processes end when they
+# have been idle for a moment, and the next start waits for them).
+# rounds TERN_ARGS GREP_ARGS RG_ARGS [WALK_DIR]: sets floor, tern, grep_s, rg_s, walk (seconds).
+rounds() {
+  local tern_args=$1 grep_args=$2 rg_args=$3 walk_dir=${4:-} floors=() terns=() greps=() rgs=() walks=()
   for _ in 1 2 3 4 5; do
     timed "$wine" "$exe" --help >/dev/null
     floors+=("$(timed "$wine" "$exe" --help)")
@@ -89,24 +96,47 @@ row() {
     terns+=("$(timed "$wine" "$exe" $tern_args)")
     # shellcheck disable=SC2086
     greps+=("$(timed grep $grep_args)")
+    # shellcheck disable=SC2086
+    [ "$have_rg" = 1 ] && rgs+=("$(timed rg -F -j1 --no-mmap $rg_args)")
+    if [ -n "$walk_dir" ]; then
+      timed "$wine" "$exe" --help >/dev/null
+      walks+=("$(timed "$wine" "$walker" "$walk_dir")")
+    fi
   done
-  awk -v l="$label" -v f="$(printf '%s\n' "${floors[@]}" | median)" \
-      -v t="$(printf '%s\n' "${terns[@]}" | median)" \
-      -v g="$(printf '%s\n' "${greps[@]}" | median)" \
-      'BEGIN { printf "%-28s %9.3f %9.3f %9.3f %7.2f %18.2f\n", l, f / 1e9, t / 1e9, g / 1e9,
-               t / g, (t - f) / g }'
+  seconds() { if [ $# -gt 0 ]; then printf '%s\n' "$@" | median | awk '{ print $1 / 1e9 }'; else echo 0; fi; }
+  floor=$(seconds "${floors[@]}")
+  tern=$(seconds "${terns[@]}")
+  grep_s=$(seconds "${greps[@]}")
+  rg_s=$(seconds "${rgs[@]}")
+  walk=$(seconds "${walks[@]}")
 }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else printf "-" }'; }
+printf '%-16s %7s %10s %7s %7s %16s %14s\n' case floor ternsearch grep rg "(tern-floor)/grep" \
+  "(tern-floor)/rg"
 for kind in rare common; do
   term=$rare
   [ $kind = common ] && term=$common
-  row "-c $kind" "-c $term corpus.txt" "-F -c $term corpus.txt"
-  row "-n $kind" "-n $term corpus.txt" "-F -n $term corpus.txt"
-  row "-i -n $kind" "-i -n $term corpus.txt" "-F -i -n $term corpus.txt"
-  row "-w -c $kind" "-w -c $term corpus.txt" "-F -w -c $term corpus.txt"
+  for flags in "-c" "-n" "-i -n" "-w -c"; do
+    # shellcheck disable=SC2086
+    rounds "$flags $term corpus.txt" "-F $flags $term corpus.txt" "$flags $term corpus.txt"
+    net=$(awk -v t="$tern" -v f="$floor" 'BEGIN { print t - f }')
+    printf '%-16s %7.3f %10.3f %7.3f %7s %16s %14s\n' "$flags $kind" "$floor" "$tern" "$grep_s" \
+      "$([ "$have_rg" = 1 ] && printf '%.3f' "$rg_s" || echo -)" "$(ratio "$net" "$grep_s")" \
+      "$(ratio "$net" "$rg_s")"
+  done
 done
+echo
+printf '%-28s %7s %7s %10s %7s %7s %15s %14s\n' case floor walk ternsearch grep rg ternsearch/walk \
+  "(tern-floor)/rg"
 for kind in rare common; do
   term=$rare
   [ $kind = common ] && term=$common
-  row "-r -n $kind (20,000 files)" "-r -n $term tree" "-r -F -n $term tree"
+  if [ -f "$walker" ]; then walk_dir=tree; else walk_dir=""; fi
+  rounds "-r -n $term tree" "-r -F -n $term tree" "-n $term tree" "$walk_dir"
+  net=$(awk -v t="$tern" -v f="$floor" 'BEGIN { print t - f }')
+  printf '%-28s %7.3f %7s %10.3f %7.3f %7s %15s %14s\n' "-r -n $kind (20,000 files)" "$floor" \
+    "$([ -n "$walk_dir" ] && printf '%.3f' "$walk" || echo -)" "$tern" "$grep_s" \
+    "$([ "$have_rg" = 1 ] && printf '%.3f' "$rg_s" || echo -)" "$(ratio "$tern" "$walk")" \
+    "$(ratio "$net" "$rg_s")"
 done
 echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)"

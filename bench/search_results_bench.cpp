@@ -110,7 +110,13 @@ void BM_ResultsVector(benchmark::State& state) {
   KVT::CSearchQuery<char> query;
   query.SetTerm(kTerm, 0, false);
   std::unique_ptr<std::vector<std::uint64_t>> results;
-  auto sink = [&results](std::uint64_t result) { results->push_back(result); };
+  struct VectorSink final : KVT::search_internal::ResultSink {
+    explicit VectorSink(std::unique_ptr<std::vector<std::uint64_t>>& into) : into(into) {}
+    void Put(const std::uint64_t* batch, std::uint32_t count) override {
+      for (std::uint32_t i = 0; i < count; ++i) into->push_back(batch[i]);
+    }
+    std::unique_ptr<std::vector<std::uint64_t>>& into;
+  } sink(results);
   for (auto _ : state) {
     state.SetIterationTime(MedianSeconds(
         [&results] {

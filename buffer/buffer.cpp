@@ -232,12 +232,10 @@ void* CBuffer<T>::Malloc(unsigned int size) {
 
 }  // namespace KVT
 
-// The lines and the search keep their members in files of their own, included here so that this
-// file alone instantiates CBuffer for both widths (an explicit instantiation may stand only once
-// in a program). The export: see foundation/export.h.
-#include "buffer/buffer_lines.inc"
-#include "buffer/buffer_search.inc"
-
+// The lines and the search keep their members in files of their own (buffer_lines.cpp,
+// buffer_search.cpp), which instantiate and export those members themselves: an explicit
+// instantiation of the class instantiates only the members defined where it stands. The export:
+// see foundation/export.h.
 namespace KVT {
 template class TERN_TEMPLATE_EXPORT CBuffer<char>;
 template class TERN_TEMPLATE_EXPORT CBuffer<wchar_t>;

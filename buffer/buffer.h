@@ -158,7 +158,7 @@ class CBuffer {
   // With `stream` null: line `index` of the table, or null for an index outside it.
   T* GetNext(FILE*& stream, int index);
 
-  // Search and results (buffer_search.inc). A search finds the occurrences of a prepared term
+  // Search and results (buffer_search.cpp). A search finds the occurrences of a prepared term
   // and records for each one result, the line on which it begins: the offset of that line's
   // first character from the start of the searched text in the high 32 bits, the line number
   // (from 1) in the low 32. Results stand in text order, two occurrences on one line give two

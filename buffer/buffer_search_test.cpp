@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "buffer/search_query.h"
+#include "buffer/search_needle_internal.h"
 #include "buffer/search_scan_internal.h"
 #include "buffer/search_test_util.h"
 #include "foundation/scoped_handle.h"
@@ -22,9 +23,12 @@ namespace {
 using KVT::CBuffer;
 using KVT::CSearchQuery;
 using KVT::ScopedHandle;
+using KVT::search_internal::KernelSet;
+using KVT::search_internal::Needle;
 using KVT::search_internal::ScanTuning;
 using search_test::Result;
 using search_test::Results;
+using search_test::Scan;
 using LineList = std::vector<std::pair<int, int>>;
 
 template <typename T>
@@ -58,24 +62,14 @@ unsigned long SearchAll(CBuffer<T>& buffer, unsigned long flags, CSearchQuery<T>
   return buffer.Search(buffer.GetBuffer(), buffer.length, flags, query, stop, stop_arg, delimiter);
 }
 
-// The scan's routes with set-up costs taken at any text length; with AVX2, with SSE2 only, or
-// with the baseline kernels.
-constexpr ScanTuning kEager{0, true};
-constexpr ScanTuning kEagerSse2{0, false};
-constexpr ScanTuning kEagerPlain{0, false, 16, false};
-constexpr ScanTuning kKernelSets[] = {kEager, kEagerSse2, kEagerPlain};
-const char* NameOf(const ScanTuning& tuning) {
-  return tuning.allow_avx2 ? "avx2 allowed" : tuning.allow_sse2 ? "sse2" : "plain";
-}
-
-template <typename T>
-Results Scan(const std::basic_string<T>& text, const CSearchQuery<T>& query, unsigned long flags,
-             T delimiter, const ScanTuning& tuning = {}) {
-  Results out;
-  auto sink = [&out](std::uint64_t result) { out.push_back(result); };
-  KVT::search_internal::ScanText(text.data(), static_cast<int>(text.size()), query, flags,
-                                 nullptr, nullptr, delimiter, sink, tuning);
-  return out;
+// The scan with the routes that have set-up costs taken at any text length, with `set`'s kernels
+// and (if not 0) stretches of `stretch` characters.
+ScanTuning Forced(const KernelSet& set, std::uint32_t stretch = 0) {
+  ScanTuning tuning;
+  tuning.chars_per_set_up_call = 0;
+  tuning.kernels = &set;
+  tuning.stretch = stretch;
+  return tuning;
 }
 
 bool NeverStop(void*) { return false; }
@@ -244,41 +238,10 @@ TEST(BufferSearchTest, UnsoundTableIsFollowedExactly) {
   caseless.shiftTable['a'] = 3;
   caseless.shiftTable['A'] = 3;
   const std::string mixed = "xXaBc";
+  const ScanTuning eager = Forced(KVT::search_internal::WidestKernels());
   EXPECT_EQ(Results{}, Scan(mixed, caseless, 1, '\n'));
-  EXPECT_EQ(Results{}, Scan(mixed, caseless, 1, '\n', kEager));
-  EXPECT_EQ((Results{Result(1, 0)}), Scan(mixed, Query("abc", true), 1, '\n', kEager));
-}
-
-// Line counts across long stretches: the lane counters are summed every 63 steps (narrow) and
-// 8191 steps (wide) of four vectors; text made of delimiters alone fills every lane. Long terms
-// have their shifts capped.
-TEST(BufferSearchTest, LongStretchesAndLongTerms) {
-  std::string narrow;
-  for (int i = 0; i < 5000; ++i) narrow += "ab\n";
-  narrow += "needle\nneedle";
-  const std::string narrow_full = std::string(100000, '\n') + "pin";
-  const std::wstring wide_full = std::wstring(600000, L'\n') + L"pin";
-  const std::string plain = std::string(70000, 'q') + "pin";
-  for (const auto& tuning : kKernelSets) {
-    SCOPED_TRACE(NameOf(tuning));
-    EXPECT_EQ((Results{Result(5001, 15000), Result(5002, 15007)}),
-              Scan(narrow, Query("needle"), 0, '\n', tuning));
-    EXPECT_EQ((Results{Result(100001, 100000)}), Scan(narrow_full, Query("pin"), 0, '\n', tuning));
-    EXPECT_EQ((Results{Result(600001, 600000)}), Scan(wide_full, Query(L"pin"), 0, L'\n', tuning));
-    EXPECT_EQ((Results{Result(1, 0)}), Scan(plain, Query("pin"), 0, '\0', tuning));
-    // More occurrences than the kernels hand over at once, each overlapping the next one.
-    std::string runs;
-    for (int i = 0; i < 40; ++i) runs += "aaAaaaa\n";
-    for (unsigned long flags : {0ul, 1ul}) {
-      EXPECT_EQ(search_test::NaiveSearch(runs, std::string("aa"), flags, '\n'),
-                Scan(runs, Query("aa", flags != 0), flags, '\n', tuning));
-    }
-  }
-  std::string term(70000, 'a');
-  term[0] = 'c';
-  term.back() = 'b';
-  const std::string text = std::string(100, 'a') + term + "x" + term;
-  EXPECT_EQ((Results{Result(1, 0), Result(1, 0)}), Scan(text, Query(term.c_str()), 0, '\n'));
+  EXPECT_EQ(Results{}, Scan(mixed, caseless, 1, '\n', eager));
+  EXPECT_EQ((Results{Result(1, 0)}), Scan(mixed, Query("abc", true), 1, '\n', eager));
 }
 
 // Tens of thousands of results, across many growth steps of the table and doublings of the
@@ -403,76 +366,6 @@ TEST(BufferSearchTest, CharacterTests) {
   EXPECT_TRUE(CBuffer<wchar_t>::IsPrintable(L"\x3C3"));
 }
 
-// Search against the plain reference for random texts and terms: every flag combination, both
-// line delimiters (zero through the short form), with a stop callback that never stops (which
-// keeps to the scan's own alignments) and without one (which takes the fast routes). Each result
-// is read back through GetResult and GetResultLength. The scan's routes with set-up costs are
-// also taken at any text length, with AVX2 where the processor has it or with SSE2 alone, by
-// turns (the wide caseless set-up asks the C runtime hundreds of times, slowly under Wine).
-template <typename T>
-void CompareWithReference(std::uint32_t seed, int texts) {
-  std::mt19937 rng(seed);
-  CBuffer<T> buffer;
-  int cases = 0;
-  std::size_t occurrences = 0;
-  for (int round = 0; round < texts; ++round) {
-    const std::basic_string<T> text = search_test::RandomText<T>(rng);
-    const std::basic_string<T> term = search_test::RandomTerm(rng, text);
-    if (text.empty()) continue;  // Refused by every form.
-    Fill(buffer, text);
-    const int n = static_cast<int>(text.size());
-    const bool prepared_caseless = rng() % 2 == 0;
-    for (unsigned long flags = 0; flags < 4; ++flags) {
-      CSearchQuery<T> query = Query(term.c_str(), prepared_caseless || (flags & 1) != 0);
-      for (T delimiter : {static_cast<T>('\n'), static_cast<T>(0)}) {
-        SCOPED_TRACE(testing::Message() << "seed " << seed << " round " << round << " flags "
-                                        << flags << " delimiter " << int(delimiter));
-        const Results expected = search_test::NaiveSearch(text, term, flags, delimiter);
-        ++cases;
-        occurrences += expected.size();
-        const auto check = [&](unsigned long found) {
-          ASSERT_EQ(expected.size(), found);
-          ASSERT_EQ(static_cast<int>(expected.size()), buffer.GetResultCount());
-          for (int i = 0; i < buffer.GetResultCount(); ++i) {
-            int line = 0;
-            const T* start = buffer.GetResult(i, line);
-            ASSERT_NE(nullptr, start);
-            const int offset = static_cast<int>(start - buffer.GetBuffer());
-            ASSERT_EQ(expected[i], Result(static_cast<std::uint32_t>(line),
-                                          static_cast<std::uint32_t>(offset)));
-            int end = offset;
-            while (end < n && text[end] != '\n' && text[end] != '\r' && text[end] != 0) ++end;
-            ASSERT_EQ(end - offset, buffer.GetResultLength(i));
-          }
-        };
-        check(delimiter == 0 ? buffer.Search(flags, query)
-                             : SearchAll(buffer, flags, query, delimiter));
-        check(SearchAll(buffer, flags, query, delimiter, &NeverStop));
-        if (::testing::Test::HasFatalFailure()) return;
-        const ScanTuning& tuning = kKernelSets[(round + delimiter) % 3];
-        ASSERT_EQ(expected, Scan(text, query, flags, delimiter, tuning))
-            << NameOf(tuning);
-      }
-    }
-  }
-  EXPECT_GE(cases, texts * 6);
-  EXPECT_GT(occurrences, static_cast<std::size_t>(cases) / 2) << "the texts hold few matches";
-}
-
-TEST(BufferSearchTest, MatchesTheReference) {
-  CompareWithReference<char>(1, 700);
-  CompareWithReference<wchar_t>(2, 700);
-}
-
-// The same under a locale that folds beyond ASCII (0xE9 and 0xC9, U+0100 and U+0101).
-TEST(BufferSearchTest, MatchesTheReferenceUnderAFoldingLocale) {
-  ASSERT_NE(nullptr, std::setlocale(LC_ALL, "English_United States.1252"));
-  EXPECT_EQ(1, CBuffer<char>::CharEqual("\xE9", "\xC9", true));
-  CompareWithReference<char>(3, 150);
-  CompareWithReference<wchar_t>(4, 150);
-  std::setlocale(LC_ALL, "C");
-}
-
 // The wide caseless route checks the text ahead of itself and gives way to the defining scan
 // where its sets could be wrong or too slow: at a stretch dense with code units above 255, and at
 // a code unit that the C runtime calls equal to a term character though the sets don't know it.
@@ -498,23 +391,343 @@ TEST(BufferSearchTest, WideCaselessRouteGivesWayExactly) {
     const bool folded = text.find(L'\x100') != std::wstring::npos;
     for (unsigned long flags : {1ul, 3ul}) {
       const search_test::Results expected = search_test::NaiveSearch(text, term, flags, L'\n');
-      for (const auto& tuning : kKernelSets) {
+      for (const KernelSet* set : search_test::KernelSetsUnderTest()) {
+        std::string why;
+        if (!search_test::Runs(*set, &why)) continue;
         SCOPED_TRACE(testing::Message() << "text " << &text - texts << " flags " << flags
-                                        << " " << NameOf(tuning));
-        search_test::Results got;
-        auto sink = [&got](std::uint64_t result) { got.push_back(result); };
+                                        << " " << set->name);
+        search_test::Collect got;
         const auto n = static_cast<std::uint32_t>(text.size());
         EXPECT_EQ(expected.size(),
                   folded ? internal::ClassSetScan(text.data(), n, query, stale, flags & 2, L'\n',
-                                                  sink, internal::KernelsFor<wchar_t>(tuning))
+                                                  got, Forced(*set))
                          : internal::ScanText(text.data(), static_cast<int>(n), query, flags,
-                                              nullptr, nullptr, L'\n', sink,
-                                              tuning));
-        EXPECT_EQ(expected, got);
+                                              nullptr, nullptr, L'\n', got, Forced(*set)));
+        EXPECT_EQ(expected, got.all);
       }
     }
   }
   std::setlocale(LC_ALL, "C");
 }
+
+// Each kernel set in turn, the emulated 64-byte one among them; a set this processor can't run is
+// skipped, and the skip names it.
+class SearchKernelSets : public testing::TestWithParam<int> {
+ protected:
+  void SetUp() override {
+    std::string why;
+    if (!search_test::Runs(set(), &why)) GTEST_SKIP() << set().name << ": " << why;
+  }
+  static const KernelSet& set() { return *search_test::KernelSetsUnderTest()[GetParam()]; }
+};
+
+// The positions `find` must give: every position from `from` on where the forms hold, on by m
+// behind each, up to `to`, at most `capacity`.
+template <typename T>
+std::vector<std::uint32_t> NaiveFind(const Needle<T>& needle, std::uint32_t from,
+                                     std::uint32_t to, std::uint32_t capacity) {
+  std::vector<std::uint32_t> out;
+  for (std::uint32_t p = from; p <= to && out.size() < capacity;) {
+    const T* at = needle.text + p;
+    bool hit = true;
+    for (std::uint32_t k = 0; k < needle.m; ++k) {
+      hit = hit && (at[k] == needle.first[k] || at[k] == needle.second[k]);
+    }
+    if (hit) out.push_back(p);
+    p += hit ? needle.m : 1;
+  }
+  return out;
+}
+
+// The kernels alone against references, on random texts placed 0 to 515 characters into their
+// memory: `find` with random needles (filter places and members, one or two forms) over random
+// ranges and capacities, with a census of the stretch or without, `count_lines` over random
+// stretches and `lines_at` between random positions, `find_high` over wide text.
+template <typename T>
+void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
+  const KVT::search_internal::ScanKernels<T>& kernels = KVT::search_internal::KernelsOf<T>(set);
+  const std::basic_string<T> alphabet = search_test::AlphabetOf(T());
+  std::mt19937 rng(seed);
+  for (int c = 0; c < cases; ++c) {
+    SCOPED_TRACE(testing::Message() << "seed " << seed << " case " << c);
+    const std::basic_string<T> text = search_test::RandomText<T>(rng);
+    const std::size_t pad = rng() % 516;
+    const std::basic_string<T> memory = std::basic_string<T>(pad, T('J')) + text;
+    const T* p = memory.data() + pad;
+    const auto n = static_cast<std::uint32_t>(text.size());
+    const std::uint32_t a = n > 0 ? rng() % n : 0;
+    const std::uint32_t b = a + (n > a ? rng() % (n - a + 1) : 0);
+    const T delimiter = alphabet[rng() % alphabet.size()];
+    KVT::search_internal::LineCount lines{0, 0};
+    for (std::uint32_t i = a; i < b; ++i) {
+      if (p[i] == delimiter) lines = {lines.count + 1, i - a + 1};
+    }
+    const KVT::search_internal::LineCount got = kernels.count_lines(p + a, b - a, delimiter);
+    ASSERT_EQ(lines.count, got.count) << "count_lines over " << a << " .. " << b;
+    ASSERT_EQ(lines.behind_last, got.behind_last) << "count_lines over " << a << " .. " << b;
+    {
+      std::uint32_t positions[5];
+      KVT::search_internal::LineCount gaps[5];
+      const std::uint32_t stops = rng() % 6;
+      for (std::uint32_t i = 0; i < stops; ++i) {
+        const std::uint32_t previous = i == 0 ? a : positions[i - 1];
+        positions[i] = previous + rng() % (b - previous + 1);
+      }
+      kernels.lines_at(p, a, positions, stops, delimiter, gaps);
+      for (std::uint32_t i = 0; i < stops; ++i) {
+        KVT::search_internal::LineCount gap{0, 0};
+        for (std::uint32_t j = i == 0 ? a : positions[i - 1]; j < positions[i]; ++j) {
+          if (p[j] == delimiter) gap = {gap.count + 1, j + 1};
+        }
+        ASSERT_EQ(gap.count, gaps[i].count) << "lines_at, gap " << i;
+        ASSERT_EQ(gap.behind_last, gaps[i].behind_last) << "lines_at, gap " << i;
+      }
+    }
+    if constexpr (sizeof(T) == 2) {
+      std::uint32_t high = a;
+      while (high < b && p[high] < 256) ++high;
+      ASSERT_EQ(high - a, set.find_high(p + a, b - a));
+    }
+    if (n == 0) continue;
+
+    // Forms mostly from the text, so that occurrences are common; a second form that differs
+    // in some places; filter places anywhere, their members from the forms.
+    const std::uint32_t m = 1 + rng() % std::min<std::uint32_t>(n, 70);
+    std::basic_string<T> first(std::max<std::uint32_t>(m, Needle<T>::kNeedlePad), T());
+    std::basic_string<T> second = first;
+    const std::uint32_t at = rng() % (n - m + 1);
+    for (std::uint32_t k = 0; k < m; ++k) {
+      first[k] = rng() % 8 ? p[at + k] : alphabet[rng() % alphabet.size()];
+      second[k] = rng() % 3 ? first[k] : alphabet[rng() % alphabet.size()];
+    }
+    Needle<T> needle{};
+    needle.text = p;
+    needle.n = n;
+    needle.m = m;
+    needle.members = 1 + rng() % 2;
+    needle.places = needle.members == 1 ? 3 : 2 + rng() % 2;
+    if (needle.members == 1) second = first;
+    for (int i = 0; i < 3; ++i) {
+      needle.place[i] = rng() % m;
+      needle.member[i][0] = first[needle.place[i]];
+      needle.member[i][1] = second[needle.place[i]];
+    }
+    needle.first = first.data();
+    needle.second = second.data();
+    const std::uint32_t from = rng() % (n - m + 1);
+    const std::uint32_t to = from + rng() % (n - m + 1 - from);
+    const std::uint32_t capacities[] = {1, 2, 3, 64};
+    const std::uint32_t capacity = capacities[rng() % 4];
+    std::uint32_t out[64];
+    const bool census_asked = rng() % 2 == 0;
+    KVT::search_internal::Census<T> census{delimiter, rng() % 2 == 0, ~0u, true};
+    const std::uint32_t count = kernels.find(needle, from, to, out, capacity,
+                                             census_asked ? &census : nullptr);
+    ASSERT_EQ(NaiveFind(needle, from, to, capacity), std::vector<std::uint32_t>(out, out + count))
+        << "find, m " << m << " from " << from << " to " << to << " capacity " << capacity
+        << " members " << needle.members << " places " << needle.places;
+    if (!census_asked || count == capacity) {
+      ASSERT_EQ(~0u, census.delimiters) << "a census nobody can use is left alone";
+      continue;
+    }
+    ASSERT_EQ(static_cast<std::uint32_t>(std::count(p + from, p + to + 1, delimiter)),
+              census.delimiters)
+        << "find's count of delimiters from " << from << " to " << to;
+    if (sizeof(T) == 2 && census.look_for_high) {
+      ASSERT_EQ(std::any_of(p + from, p + to + 1, [](T ch) { return ch > 255; }), census.high);
+    }
+  }
+}
+
+TEST_P(SearchKernelSets, KernelsMatchTheReference) {
+  CompareKernels<char>(set(), 5, 3000);
+  CompareKernels<wchar_t>(set(), 6, 3000);
+}
+
+// Search against the plain reference for random texts and terms, every flag combination with
+// either line delimiter, the scan run with this set's kernels: each text between random padding
+// that may hold the term too, in stretches of random lengths (or the scan's own, which texts of
+// several of them cross now and then), by the fast routes and with a stop callback that never
+// stops (which keeps to the scan's own alignments). With the widest set the buffer's own search
+// runs too (zero as the delimiter through the short form), each result read back through
+// GetResult and GetResultLength.
+template <typename T>
+void CompareWithReference(const KernelSet& set, std::uint32_t seed, int texts) {
+  std::mt19937 rng(seed);
+  const std::basic_string<T> alphabet = search_test::AlphabetOf(T());
+  const bool widest = &set == &KVT::search_internal::WidestKernels();
+  CBuffer<T> buffer;
+  std::size_t cases = 0, occurrences = 0;
+  for (int round = 0; round < texts; ++round) {
+    std::basic_string<T> text = search_test::RandomText<T>(rng);
+    if (rng() % 40 == 0) {
+      while (text.size() < 40000) text += search_test::RandomText<T>(rng);
+    }
+    const std::basic_string<T> term = search_test::RandomTerm(rng, text);
+    std::basic_string<T> memory;
+    for (std::size_t i = rng() % 516; i > 0; --i) memory += rng() % 4 ? alphabet[rng() % 4] : T('\n');
+    const std::size_t pad = memory.size();
+    memory += text + (rng() % 2 ? term : std::basic_string<T>());
+    for (std::size_t i = rng() % 516; i > 0; --i) memory += alphabet[rng() % alphabet.size()];
+    const std::uint32_t stretch = rng() % 4 == 0 ? 0 : 1 + rng() % 200;
+    const bool prepared_caseless = rng() % 2 == 0;
+    const int n = static_cast<int>(text.size());
+    if (widest && n > 0) Fill(buffer, text);
+    for (unsigned long flags = 0; flags < 4; ++flags) {
+      CSearchQuery<T> query = Query(term.c_str(), prepared_caseless || (flags & 1) != 0);
+      for (T delimiter : {static_cast<T>('\n'), static_cast<T>(0)}) {
+        SCOPED_TRACE(testing::Message() << "seed " << seed << " round " << round << " flags "
+                                        << flags << " delimiter " << int(delimiter) << " stretch "
+                                        << stretch);
+        const Results expected = search_test::NaiveSearch(text, term, flags, delimiter);
+        ++cases;
+        occurrences += expected.size();
+        ASSERT_EQ(expected, Scan(memory.data() + pad, text.size(), query, flags, delimiter,
+                                 Forced(set, stretch)));
+        search_test::Collect polled;
+        KVT::search_internal::ScanText(memory.data() + pad, n, query, flags, &NeverStop, nullptr,
+                                       delimiter, polled, Forced(set));
+        ASSERT_EQ(expected, polled.all) << "with a stop callback";
+        if (!widest || n == 0) continue;  // An empty text is refused by every form.
+        const unsigned long found = delimiter == 0 ? buffer.Search(flags, query)
+                                                   : SearchAll(buffer, flags, query, delimiter);
+        ASSERT_EQ(expected.size(), found);
+        ASSERT_EQ(static_cast<int>(expected.size()), buffer.GetResultCount());
+        for (int i = 0; i < buffer.GetResultCount(); ++i) {
+          int line = 0;
+          const T* start = buffer.GetResult(i, line);
+          ASSERT_NE(nullptr, start);
+          const int offset = static_cast<int>(start - buffer.GetBuffer());
+          ASSERT_EQ(expected[i], Result(static_cast<std::uint32_t>(line),
+                                        static_cast<std::uint32_t>(offset)));
+          int end = offset;
+          while (end < n && text[end] != '\n' && text[end] != '\r' && text[end] != 0) ++end;
+          ASSERT_EQ(end - offset, buffer.GetResultLength(i));
+        }
+      }
+    }
+  }
+  EXPECT_GT(occurrences, cases / 2) << "the texts hold few matches";
+}
+
+TEST_P(SearchKernelSets, MatchesTheReference) {
+  CompareWithReference<char>(set(), 7, 300);
+  CompareWithReference<wchar_t>(set(), 8, 300);
+}
+
+// The same under a locale that folds beyond ASCII (0xE9 and 0xC9, U+0100 and U+0101).
+TEST_P(SearchKernelSets, MatchesTheReferenceUnderAFoldingLocale) {
+  ASSERT_NE(nullptr, std::setlocale(LC_ALL, "English_United States.1252"));
+  EXPECT_EQ(1, CBuffer<char>::CharEqual("\xE9", "\xC9", true));
+  CompareWithReference<char>(set(), 3, 100);
+  CompareWithReference<wchar_t>(set(), 4, 100);
+  std::setlocale(LC_ALL, "C");
+}
+
+// Occurrences at every offset around a stretch boundary, with a line feed on the boundary and
+// word characters or delimiters beside them, in stretches of a few characters; then, in the
+// scan's own stretches, around the end of a first long one that holds many results (which the
+// kernel counts lines in) and of the short one after it (where the lines are counted behind it).
+template <typename T>
+void CheckStretchBoundaries(const KernelSet& set) {
+  const std::basic_string<T> terms[] = {search_test::Widen<T>("ab"),
+                                        search_test::Widen<T>("abcab"),
+                                        std::basic_string<T>(40, T('a')) + T('b')};
+  auto check = [&](const std::basic_string<T>& text, const std::basic_string<T>& term,
+                   std::uint32_t stretch) {
+    for (unsigned long flags = 0; flags < 4; ++flags) {
+      SCOPED_TRACE(testing::Message() << "stretch " << stretch << " m " << term.size()
+                                      << " flags " << flags);
+      ASSERT_EQ(search_test::NaiveSearch(text, term, flags, T('\n')),
+                Scan(text, Query(term.c_str(), true), flags, T('\n'), Forced(set, stretch)));
+    }
+  };
+  // Puts `term` ending d - 1 characters past `boundary`, a line feed on it, and a word character
+  // or a delimiter on either side of the term.
+  auto place = [](std::basic_string<T>& text, const std::basic_string<T>& term,
+                  std::uint32_t boundary, std::uint32_t d) {
+    const auto m = static_cast<std::uint32_t>(term.size());
+    const std::uint32_t at = boundary + d - m - 1;
+    text.replace(at, m, term);
+    text[boundary] = T('\n');
+    text[at - 1] = d % 2 ? T(' ') : T('y');
+    if (at + m < text.size()) text[at + m] = d % 3 ? T('.') : T('z');
+  };
+  for (std::uint32_t s : {5u, 64u}) {
+    for (const std::basic_string<T>& term : terms) {
+      const auto m = static_cast<std::uint32_t>(term.size());
+      const std::uint32_t boundary = s * ((m + 1 + s) / s);  // A stretch's end past m + 1.
+      for (std::uint32_t d = 0; d <= 2 * m + 2; ++d) {
+        std::basic_string<T> text(2 * boundary + s + m + 2, T('x'));
+        place(text, term, boundary, d);
+        text.replace(2 * boundary - m / 2, m, term);
+        check(text, term, s);
+        if (::testing::Test::HasFatalFailure()) return;
+      }
+    }
+  }
+  const std::uint32_t census = KVT::search_internal::kCensusStretchBytes / sizeof(T);
+  const std::uint32_t cached = KVT::search_internal::kCachedStretchBytes / sizeof(T);
+  for (const std::basic_string<T>& term : {terms[0], terms[1]}) {
+    const auto m = static_cast<std::uint32_t>(term.size());
+    for (std::uint32_t d : {0u, 1u, m, m + 1, 2 * m + 2}) {
+      std::basic_string<T> text;
+      while (text.size() < census + cached) text += T('q') + term + T(' ');
+      text.resize(census + 2 * cached, T('x'));
+      place(text, term, census, d);
+      place(text, term, census + cached, d);
+      check(text, term, 0);
+      if (::testing::Test::HasFatalFailure()) return;
+    }
+  }
+}
+
+TEST_P(SearchKernelSets, StretchBoundaries) {
+  CheckStretchBoundaries<char>(set());
+  CheckStretchBoundaries<wchar_t>(set());
+}
+
+// Line counts across long stretches: the lane counters are summed every 255 steps (narrow) and
+// 32767 steps (wide) of four vectors; text made of delimiters alone fills every lane. Long terms
+// compare in many vectors.
+TEST_P(SearchKernelSets, LongStretchesAndLongTerms) {
+  const ScanTuning tuning = Forced(set());
+  std::string narrow;
+  for (int i = 0; i < 5000; ++i) narrow += "ab\n";
+  narrow += "needle\nneedle";
+  EXPECT_EQ((Results{Result(5001, 15000), Result(5002, 15007)}),
+            Scan(narrow, Query("needle"), 0, '\n', tuning));
+  const std::string narrow_full = std::string(100000, '\n') + "pin";
+  EXPECT_EQ((Results{Result(100001, 100000)}), Scan(narrow_full, Query("pin"), 0, '\n', tuning));
+  EXPECT_EQ(100000u, set().narrow.count_lines(narrow_full.data(), 100000, '\n').count);
+  const std::wstring wide_full = std::wstring(2200000, L'\n') + L"pin";
+  EXPECT_EQ(2200000u, set().wide.count_lines(wide_full.data(), 2200000, L'\n').count);
+  EXPECT_EQ((Results{Result(1, 0)}), Scan(std::string(70000, 'q') + "pin", Query("pin"), 0,
+                                          '\0', tuning));
+  // More occurrences than the kernels hand over at once, each overlapping the next one.
+  std::string runs;
+  for (int i = 0; i < 40; ++i) runs += "aaAaaaa\n";
+  for (unsigned long flags : {0ul, 1ul}) {
+    EXPECT_EQ(search_test::NaiveSearch(runs, std::string("aa"), flags, '\n'),
+              Scan(runs, Query("aa", flags != 0), flags, '\n', tuning));
+  }
+  std::string term(70000, 'a');
+  term[0] = 'c';
+  term.back() = 'b';
+  const std::string text = std::string(100, 'a') + term + "x" + term;
+  EXPECT_EQ((Results{Result(1, 0), Result(1, 0)}), Scan(text, Query(term.c_str()), 0, '\n',
+                                                        tuning));
+}
+
+INSTANTIATE_TEST_SUITE_P(, SearchKernelSets,
+                         testing::Range(0, static_cast<int>(
+                                               search_test::KernelSetsUnderTest().size())),
+                         [](const testing::TestParamInfo<int>& info) {
+                           std::string name = search_test::KernelSetsUnderTest()[info.param]->name;
+                           for (char& ch : name) {
+                             if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+                           }
+                           return name;
+                         });
 
 }  // namespace

@@ -1,239 +1,37 @@
 #ifndef TERNCORELIB_BUFFER_SEARCH_LITERAL_INTERNAL_H_
 #define TERNCORELIB_BUFFER_SEARCH_LITERAL_INTERNAL_H_
 
-// The search scan's defining scans, which follow the query's shift table alignment by alignment,
-// and the line count of results. Not part of the installed interface.
+// The search's defining scans (search_literal.cpp), which follow the query's shift table
+// alignment by alignment. Not part of the installed interface.
 
 #include <cstdint>
-#include <cstring>
 
-#include "buffer/search_chars_internal.h"
-#include "buffer/search_kernels.h"
+#include "buffer/search_query.h"
+#include "buffer/search_scan_internal.h"
 
 namespace KVT {
 namespace search_internal {
 
-// Line number and line start of each result, counted by the kernels of one instruction set.
-template <typename T>
-class LineCounter {
- public:
-  LineCounter(const T* text, T delimiter, const ScanKernels<T>& kernels)
-      : lines_{text, delimiter, 0, 1, 0}, result_at_(kernels.result_at) {}
-
-  // The result for an occurrence at `pos`, which is never below the previous call's.
-  std::uint64_t ResultAt(std::uint32_t pos) { return result_at_(lines_, pos); }
-
-  LineState<T>& state() { return lines_; }
-
- private:
-  LineState<T> lines_;
-  std::uint64_t (*result_at_)(LineState<T>&, std::uint32_t);
-};
-
-struct ValueEqual {
-  template <typename T>
-  bool operator()(T a, T b) const { return a == b; }
-};
-
-struct CaselessEqual {
-  template <typename T>
-  bool operator()(T a, T b) const { return CharEqual(&a, &b, true) != 0; }
-};
-
-struct NoStop {
-  bool operator()() const { return false; }
-};
-
-struct StopCallback {
-  bool (*stop)(void*);
-  void* arg;
-  bool operator()() const { return stop(arg); }
-};
-
-// Caches a value per text character for one search, computed on first use. The caseless scan
-// keeps the answers of the C runtime's comparison in it, which would otherwise be asked again at
-// nearly every alignment. Narrow: one cell per byte. Wide: a direct-mapped cache.
-template <typename T>
-class CharCache;
-
-template <>
-class CharCache<char> {
- public:
-  CharCache() { std::memset(values_, 0xFF, sizeof(values_)); }
-  template <typename Compute>
-  std::uint32_t Get(char ch, Compute compute) {
-    std::uint32_t& value = values_[static_cast<unsigned char>(ch)];
-    if (value == kUnknown) value = compute(ch);
-    return value;
-  }
-
- private:
-  static constexpr std::uint32_t kUnknown = 0xFFFFFFFF;  // Never a computed value.
-  std::uint32_t values_[256];
-};
-
-template <>
-class CharCache<wchar_t> {
- public:
-  CharCache() { std::memset(keys_, 0, sizeof(keys_)); }
-  template <typename Compute>
-  std::uint32_t Get(wchar_t ch, Compute compute) {
-    const std::uint32_t slot = ch & (kSlots - 1);
-    const std::uint32_t key = static_cast<std::uint32_t>(ch) | kValid;
-    if (keys_[slot] != key) {
-      keys_[slot] = key;
-      values_[slot] = compute(ch);
-    }
-    return values_[slot];
-  }
-
- private:
-  static constexpr std::uint32_t kSlots = 256;
-  static constexpr std::uint32_t kValid = 1u << 16;
-  std::uint32_t keys_[kSlots];
-  std::uint32_t values_[kSlots];
-};
-
 // The defining scan. The term covers text[pos .. pos + m - 1] (the alignment at pos). At each
-// alignment: poll; compare the last place, then the leading places in rising order; on an
-// occurrence record it (unless whole words are asked for and it is none) and move by m; otherwise
-// move by the shift of the character under the last place, or by m if its base value is outside
-// the table. Ends when the term would pass the end of the text. Requires 0 < m <= n.
-template <typename T, typename LastEqual, typename Equal, typename Poll, typename Sink>
-std::uint32_t HorspoolScan(const T* text, std::uint32_t n, const T* term, std::uint32_t m,
-                           const unsigned short* table, unsigned table_size, bool whole_words,
-                           T delimiter, const ScanKernels<T>& kernels, LastEqual last_equal,
-                           Equal equal, Poll poll, Sink& sink) {
-  LineCounter<T> lines(text, delimiter, kernels);
-  const T last = term[m - 1];
-  const std::uint32_t last_pos = n - m;
-  std::uint32_t found = 0;
-  std::uint32_t pos = 0;
-  for (;;) {
-    if (poll()) break;
-    const T under = text[pos + m - 1];
-    bool match = last_equal(under, last);
-    for (std::uint32_t k = 0; match && k + 1 < m; ++k) match = equal(text[pos + k], term[k]);
-    if (match) {
-      if (!whole_words || IsWholeWord(text, n, pos, m)) {
-        ++found;
-        sink(lines.ResultAt(pos));
-      }
-      pos += m;
-    } else {
-      const unsigned base = BaseOf(under);
-      pos += base < table_size ? table[base] : m;
-    }
-    if (pos > last_pos) break;  // No overflow: pos <= n - m + 65535 < 2^32.
-  }
-  return found;
-}
-
-// Caches whether text characters equal one term character caselessly. Narrow: one state per
-// byte. Wide: a direct-mapped cache whose cells hold the character, a valid bit and the answer.
+// alignment: poll `stop` (if not null); compare the last place, then the leading places in
+// rising order, by value or, with `caseless`, by CharEqual; on an occurrence record it (unless
+// whole words are asked for and it is none) and move by m; otherwise move by the shift of the
+// character under the last place, or by m if its base value is outside the table. Ends when the
+// term would pass the end of the text, or when `stop` says so. Requires 0 < m <= n.
 template <typename T>
-class PlaceCache;
+std::uint32_t HorspoolScan(const T* text, std::uint32_t n, const CSearchQuery<T>& query,
+                           bool caseless, bool whole_words, bool (*stop)(void*), void* stop_arg,
+                           LineCounter<T>& lines, ResultBatch& out);
 
-template <>
-class PlaceCache<char> {
- public:
-  PlaceCache() { std::memset(states_, 0, sizeof(states_)); }
-  void Reset(char term_char) {
-    if (term_char_ != term_char) std::memset(states_, 0, sizeof(states_));
-    term_char_ = term_char;
-  }
-  bool Equal(char ch) {
-    std::uint8_t& state = states_[static_cast<unsigned char>(ch)];
-    if (state == 0) state = CharEqual(&ch, &term_char_, true) ? 1 : 2;
-    return state == 1;
-  }
-
- private:
-  char term_char_ = 0;
-  std::uint8_t states_[256];  // 0 unknown, 1 equal, 2 not.
-};
-
-template <>
-class PlaceCache<wchar_t> {
- public:
-  PlaceCache() { std::memset(cells_, 0, sizeof(cells_)); }
-  void Reset(wchar_t term_char) {
-    if (term_char_ != term_char) std::memset(cells_, 0, sizeof(cells_));
-    term_char_ = term_char;
-  }
-  bool Equal(wchar_t ch) {
-    std::uint32_t& cell = cells_[ch & (kSlots - 1)];
-    if ((cell & kValid) == 0 || static_cast<wchar_t>(cell) != ch) {
-      cell = static_cast<std::uint32_t>(ch) | kValid |
-             (CharEqual(&ch, &term_char_, true) ? kEqual : 0);
-    }
-    return (cell & kEqual) != 0;
-  }
-
- private:
-  static constexpr std::uint32_t kSlots = 256;
-  static constexpr std::uint32_t kValid = 1u << 16;
-  static constexpr std::uint32_t kEqual = 1u << 17;
-  wchar_t term_char_ = 0;
-  std::uint32_t cells_[kSlots];
-};
-
-// The defining scan for a caseless search without a stop callback: the same alignments, with
-// the C runtime's answers cached (the comparison is a pure function during one search, so caching
-// and the order of the comparisons change nothing). The character under the last place maps to 0
-// if it equals the term's last character, else to its shift, so that most alignments cost one
-// lookup. The first kCachedPlaces leading places have caches of their own; further ones are
-// compared directly.
-// Results at positions below `emit_from` are neither recorded nor counted: a route that gives up
-// (WideCaselessGuard) has recorded those already, with `lines`, which carries on here.
-template <typename T, typename Lines, typename Sink>
-std::uint32_t CaselessScan(const T* text, std::uint32_t n, const T* term, std::uint32_t m,
-                           const unsigned short* table, unsigned table_size, bool whole_words,
-                           Lines& lines, std::uint32_t emit_from, Sink& sink) {
-  constexpr std::uint32_t kCachedPlaces = 6;
-  const std::uint32_t last_pos = n - m;
-  auto shift_of = [table, table_size, m](T ch) -> std::uint32_t {
-    const unsigned base = BaseOf(ch);
-    return base < table_size ? table[base] : m;
-  };
-  const T last = term[m - 1];
-  auto step_of = [&](T ch) -> std::uint32_t {
-    return CharEqual(&ch, &last, true) ? 0 : shift_of(ch);
-  };
-  CharCache<T> steps;
-  const std::uint32_t cached = m - 1 < kCachedPlaces ? m - 1 : kCachedPlaces;
-  PlaceCache<T> places[kCachedPlaces];
-  for (std::uint32_t k = 0; k < cached; ++k) places[k].Reset(term[k]);
-
-  std::uint32_t found = 0;
-  std::uint32_t pos = 0;
-  for (;;) {
-    const T under = text[pos + m - 1];
-    const std::uint32_t step = steps.Get(under, step_of);
-    if (step != 0) {
-      pos += step;
-      if (pos > last_pos) break;
-      continue;
-    }
-    // The leading places are 0 .. m - 2.
-    bool match = true;
-    for (std::uint32_t k = 0; match && k < cached; ++k) match = places[k].Equal(text[pos + k]);
-    for (std::uint32_t k = cached; match && k + 1 < m; ++k) {
-      match = CharEqual(text + pos + k, term + k, true) != 0;
-    }
-    if (match) {
-      if (pos >= emit_from && (!whole_words || IsWholeWord(text, n, pos, m))) {
-        ++found;
-        sink(lines.ResultAt(pos));
-      }
-      pos += m;
-    } else {
-      pos += shift_of(under);
-    }
-    if (pos > last_pos) break;
-  }
-  return found;
-}
+// The defining scan for a caseless search without a stop callback: the same alignments, with the
+// C runtime's answers cached (the comparison is a pure function during one search, so caching
+// and the order of the comparisons change nothing). Results at positions below `emit_from` are
+// neither recorded nor counted: a route that gives up (the wide caseless guard) has recorded
+// those already, with `lines`, which carries on here.
+template <typename T>
+std::uint32_t CaselessScan(const T* text, std::uint32_t n, const CSearchQuery<T>& query,
+                           bool whole_words, LineCounter<T>& lines, std::uint32_t emit_from,
+                           ResultBatch& out);
 
 }  // namespace search_internal
 }  // namespace KVT

@@ -6,6 +6,7 @@
 
 #include <cctype>
 #include <cstdint>
+#include <cstdio>
 #include <cwctype>
 #include <random>
 #include <string>
@@ -13,14 +14,90 @@
 #include <vector>
 #include <wchar.h>
 
+#include "buffer/search_kernels.h"
 #include "buffer/search_query.h"
+#include "buffer/search_scan_internal.h"
+#include "foundation/cpu_features.h"
 
 namespace search_test {
+
+using KVT::search_internal::KernelSet;
+
+// The kernels of search_vector_kernels.h over an emulated AVX-512 vector (search_test_kernels.cpp),
+// which runs where the processor has SSE2.
+const KernelSet& EmulatedAvx512Kernels();
+
+// The kernel sets that the tests force in turn: every set of the library, widest first, then the
+// emulated one.
+inline std::vector<const KernelSet*> KernelSetsUnderTest() {
+  std::vector<const KernelSet*> sets;
+  for (const KernelSet* const* set = KVT::search_internal::AllKernelSets(); *set; ++set) {
+    sets.push_back(*set);
+  }
+  sets.push_back(&EmulatedAvx512Kernels());
+  return sets;
+}
+
+// Whether `set` runs on this processor; if not, why not.
+inline bool Runs(const KernelSet& set, std::string* why);
+
+// The sets of KernelSetsUnderTest that this processor runs; each of the others is named on
+// standard output as skipped, with the reason.
+inline std::vector<const KernelSet*> RunningKernelSets() {
+  std::vector<const KernelSet*> sets;
+  for (const KernelSet* set : KernelSetsUnderTest()) {
+    std::string why;
+    if (Runs(*set, &why)) {
+      sets.push_back(set);
+    } else {
+      std::printf("[ skipped  ] kernel set %s: %s\n", set->name, why.c_str());
+    }
+  }
+  return sets;
+}
+
+inline bool Runs(const KernelSet& set, std::string* why) {
+  if (&set == &EmulatedAvx512Kernels()) {
+    *why = "the emulation needs SSE2";
+    return KVT::internal::CpuHas(KVT::internal::kCpuSse2);
+  }
+  *why = std::string("this processor or system does not run the ") + set.name + " kernels";
+  return KVT::search_internal::KernelsRun(set);
+}
 
 using Results = std::vector<std::uint64_t>;
 
 inline std::uint64_t Result(std::uint32_t line, std::uint32_t line_start) {
   return (static_cast<std::uint64_t>(line_start) << 32) | line;
+}
+
+template <typename T>
+std::basic_string<T> Widen(const std::string& text) {
+  return std::basic_string<T>(text.begin(), text.end());
+}
+
+// Collects what a scan hands over.
+struct Collect final : KVT::search_internal::ResultSink {
+  void Put(const std::uint64_t* results, std::uint32_t count) override {
+    all.insert(all.end(), results, results + count);
+  }
+  Results all;
+};
+
+// ScanText's results.
+template <typename T>
+Results Scan(const T* text, std::size_t n, const KVT::CSearchQuery<T>& query, unsigned long flags,
+             T delimiter, const KVT::search_internal::ScanTuning& tuning = {}) {
+  Collect sink;
+  const std::uint32_t found = KVT::search_internal::ScanText(
+      text, static_cast<int>(n), query, flags, nullptr, nullptr, delimiter, sink, tuning);
+  if (found != sink.all.size()) sink.all.push_back(~0ull);  // Never a result: fails any check.
+  return sink.all;
+}
+template <typename T>
+Results Scan(const std::basic_string<T>& text, const KVT::CSearchQuery<T>& query,
+             unsigned long flags, T delimiter, const KVT::search_internal::ScanTuning& tuning = {}) {
+  return Scan(text.data(), text.size(), query, flags, delimiter, tuning);
 }
 
 inline bool SameChar(char a, char b, bool caseless) {
@@ -101,13 +178,15 @@ inline std::basic_string<wchar_t> AlphabetOf(wchar_t) {
 }
 
 // A random text over a random part of the alphabet (small parts make matches and overlaps
-// common), mostly short, sometimes long enough for the vector paths and their tails.
+// common): shorter than a vector round, several rounds (a round takes up to 64 positions), or
+// many, in about equal parts.
 template <typename T>
 std::basic_string<T> RandomText(std::mt19937& rng) {
   const std::basic_string<T> alphabet = AlphabetOf(T());
   const std::size_t used = 2 + rng() % (alphabet.size() - 1);
   const std::size_t first = rng() % (alphabet.size() - used + 1);
-  const std::size_t length = rng() % 8 == 0 ? rng() % 300 : rng() % 48;
+  const std::size_t lengths[3] = {64, 700, 3000};
+  const std::size_t length = rng() % lengths[rng() % 3];
   std::basic_string<T> text;
   for (std::size_t i = 0; i < length; ++i) text += alphabet[first + rng() % used];
   return text;

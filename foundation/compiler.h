@@ -29,13 +29,12 @@
 #define TERN_ALWAYS_INLINE __attribute__((always_inline)) inline
 #endif
 
-// Lets one function use SSE2 intrinsics in a file compiled for the baseline, which on i686 has no
-// SSE2: GCC's and clang's target attribute (clang-cl too); cl.exe compiles any intrinsic anywhere.
-// The caller checks the processor first.
+// Inlines a lambda wherever it is called: [&](int x) TERN_INLINE_LAMBDA { ... }. GCC and clang
+// (clang-cl too) take the attribute there; cl.exe has no such form and decides for itself.
 #if defined(__GNUC__) || defined(__clang__)
-#define TERN_TARGET_SSE2 __attribute__((target("sse2")))
+#define TERN_INLINE_LAMBDA __attribute__((always_inline))
 #else
-#define TERN_TARGET_SSE2
+#define TERN_INLINE_LAMBDA
 #endif
 
 // Unrolls the loop that follows completely where its count is a small constant: GCC's and

@@ -6,7 +6,8 @@
 # boundary, and for the builds in Microsoft's ABI clang-cl, lld-link, the LLVM tools, libc++'s
 # headers and Wine's development files.
 # `setup.sh bench [DIR]` also fetches Google Benchmark's source package into DIR/benchmark (by
-# default build/third_party/benchmark of the checkout); `setup.sh docs` installs Doxygen.
+# default build/third_party/benchmark of the checkout) and installs ripgrep, which
+# bench/grep_compare.sh times beside GNU grep; `setup.sh docs` installs Doxygen.
 set -euo pipefail
 
 want_bench=0
@@ -63,6 +64,7 @@ have ninja || pkgs+=(ninja-build)
 have dpkg-source || pkgs+=(dpkg-dev)
 have python3 || pkgs+=(python3)
 [ "$want_docs" = 1 ] && ! have doxygen && pkgs+=(doxygen)
+[ "$want_bench" = 1 ] && ! have rg && pkgs+=(ripgrep)
 if [ "${#pkgs[@]}" -gt 0 ]; then
   apt_update
   apt_install "the build's tools" "${pkgs[@]}"

@@ -8,20 +8,24 @@
 set(failures 0)
 
 # check(NAME EXIT <status> OUT <stdout> | MATCH <regex> [ERR <stderr>] [INPUT <file>]
-#       ARGS <arguments...>)
+#       [OUTPUT_TO <file>] ARGS <arguments...>)
 function(check name)
   if(DEFINED ONLY AND NOT name STREQUAL ONLY)
     return()
   endif()
   set_property(GLOBAL APPEND PROPERTY checks_run ${name})
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "EXIT;OUT;MATCH;ERR;INPUT" "ARGS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "EXIT;OUT;MATCH;ERR;INPUT;OUTPUT_TO" "ARGS")
   set(input "")
   if(arg_INPUT)
     set(input INPUT_FILE "${DATA}/${arg_INPUT}")
   endif()
+  set(output OUTPUT_VARIABLE out)
+  if(arg_OUTPUT_TO)
+    set(output OUTPUT_FILE "${arg_OUTPUT_TO}")
+  endif()
   execute_process(COMMAND ${RUN} ${TOOL} ${arg_ARGS}
                   WORKING_DIRECTORY "${DATA}" ${input}
-                  RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE err)
+                  RESULT_VARIABLE status ${output} ERROR_VARIABLE err)
   set(problems "")
   if(NOT "${status}" STREQUAL "${arg_EXIT}")
     string(APPEND problems "  exit status ${status}, expected ${arg_EXIT}\n")
@@ -89,6 +93,10 @@ check(stdin_named EXIT 0 INPUT ${s} ARGS -Hn -w fox - OUT
 (standard input):4:foxfox fox_fox
 ")
 check(help EXIT 0 ARGS --help MATCH "^usage: ternsearch.*-r .*'ba a a' holds no whole word 'a a'")
+# Output that can't be written (a full disk) ends the search with status 2, and the threads that
+# read ahead end with it.
+check(unwritable EXIT 2 OUTPUT_TO /dev/full ARGS -r fox tree
+      ERR "ternsearch: the output cannot be written\n")
 
 # A text of 3 MiB, read in several pieces, with lines of many lengths, one of them longer than a
 # piece: the lines printed are grep's, line numbers and all, and -c counts grep's matches.

@@ -83,7 +83,8 @@ std::vector<Str<T>> Cut(const Str<T>& text, T end, bool file, bool last = true) 
 
 // The long and the short form for every flag, term length 1-40 and text length 0-300, the long
 // form with and without a stop callback and at either edge, over terms prepared from guarded
-// text; the file form and the line operations once per text length.
+// text, and the scan beneath them with every kernel set this processor runs; the file form and
+// the line operations once per text length.
 template <typename T>
 void SearchAndCutGuardedText(std::uint32_t seed, Rounds& rounds) {
   GuardedRegion texts, terms, blocks;
@@ -105,6 +106,7 @@ void SearchAndCutGuardedText(std::uint32_t seed, Rounds& rounds) {
   ASSERT_NE(nullptr, file);
   std::mt19937 rng(seed);
   const Str<T> alphabet = search_test::AlphabetOf(T());
+  const std::vector<const search_test::KernelSet*> sets = search_test::RunningKernelSets();
   KVT::CBuffer<T> buffer;
   for (int n = 0; n <= 300; ++n) {
     GuardedBuffer<T> own(blocks, n, Str<T>(), n);
@@ -128,6 +130,17 @@ void SearchAndCutGuardedText(std::uint32_t seed, Rounds& rounds) {
         // An empty text is refused, and the former results stay.
         for (std::size_t i = 0; n > 0 && i < expected.size(); ++i) {
           ASSERT_EQ(expected[i], (*buffer.results)[i]) << "n " << n << " m " << m << " flags " << flags;
+        }
+        // The scan with each kernel set, in stretches of random length.
+        KVT::search_internal::ScanTuning tuning;
+        tuning.chars_per_set_up_call = rng() % 2 ? 0 : 32;
+        tuning.stretch = rng() % 4 ? 1 + rng() % 100 : 0;
+        for (const search_test::KernelSet* set : sets) {
+          tuning.kernels = set;
+          ASSERT_EQ(expected, search_test::Scan(texts.Place(text, rng() % 4 != 0, false),
+                                                text.size(), query[flags & 1], flags, delimiter,
+                                                tuning))
+              << "n " << n << " m " << m << " flags " << flags << " " << set->name;
         }
         // The short form: the same occurrences (on other lines), over the buffer's own block.
         std::copy(text.begin(), text.end(), own.data);

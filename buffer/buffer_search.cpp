@@ -1,9 +1,10 @@
-// CBuffer's search and its results. Included by buffer.cpp, which instantiates the class.
+// CBuffer's search and its results, over the scan of search_scan.cpp.
 #include "buffer/buffer.h"
 
 #include <climits>
 #include <new>
 
+#include "buffer/search_chars_internal.h"
 #include "buffer/search_scan_internal.h"
 #include "foundation/win.h"
 
@@ -17,13 +18,15 @@ namespace {
 // cannot be allocated is given back (the next Add tries that slot again), so that the table never
 // holds a cell without a result. Search returns the count of the table, which is then below the
 // number of occurrences; with memory to spare the two are equal.
-class ResultSink {
+class TableSink final : public search_internal::ResultSink {
  public:
-  explicit ResultSink(XArray<std::uint64_t>* results) : results_(results) {}
-  void operator()(std::uint64_t result) {
-    const int index = results_->Add(result);
-    // A result is never 0 (lines count from 1), and a slot without a record reads as 0.
-    if (index >= 0 && (*results_)[index] != result) results_->count = index;
+  explicit TableSink(XArray<std::uint64_t>* results) : results_(results) {}
+  void Put(const std::uint64_t* results, std::uint32_t count) override {
+    for (std::uint32_t i = 0; i < count; ++i) {
+      const int index = results_->Add(results[i]);
+      // A result is never 0 (lines count from 1), and a slot without a record reads as 0.
+      if (index >= 0 && (*results_)[index] != results[i]) results_->count = index;
+    }
   }
 
  private:
@@ -35,9 +38,7 @@ class ResultSink {
 bool ReadResult(const XArray<std::uint64_t>* results, int index, std::uint32_t* offset,
                 std::uint32_t* line) {
   if (results == nullptr || index >= results->count) return false;
-  const std::uint64_t result = (*results)[index];
-  *offset = static_cast<std::uint32_t>(result >> 32);
-  *line = static_cast<std::uint32_t>(result);
+  search_internal::UnpackResult((*results)[index], offset, line);
   return true;
 }
 
@@ -60,7 +61,7 @@ unsigned long CBuffer<T>::Search(const T* text, int length, unsigned long flags,
   } else {
     results->Reset();
   }
-  ResultSink sink(results);
+  TableSink sink(results);
   search_internal::ScanText(text, length, query, flags, stop, stopArg, lineDelimiter, sink);
   return static_cast<unsigned long>(results->count);
 }
@@ -151,5 +152,25 @@ template <typename T>
 bool CBuffer<T>::IsPrintable(const wchar_t* ch) {
   return search_internal::IsPrintable(ch);
 }
+
+// The members defined here, for both widths (buffer.cpp instantiates the rest).
+#define TERN_BUFFER_SEARCH(T)                                                                  \
+  template TERN_TEMPLATE_EXPORT unsigned long CBuffer<T>::Search(const T*, int, unsigned long, CSearchQuery<T>&,    \
+                                            bool (*)(void*), void*, T);                        \
+  template TERN_TEMPLATE_EXPORT unsigned long CBuffer<T>::Search(void*, unsigned long, CSearchQuery<T>&,           \
+                                            bool (*)(void*), void*);                           \
+  template TERN_TEMPLATE_EXPORT unsigned long CBuffer<T>::Search(unsigned long, CSearchQuery<T>&);                  \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::GetResultCount();                                                   \
+  template TERN_TEMPLATE_EXPORT T* CBuffer<T>::GetResult(int, int&);                                                \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::GetResultLength(int);                                               \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::CharEqual(const char*, const char*, bool);                          \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::CharEqual(const wchar_t*, const wchar_t*, bool);                    \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::IsWordDelimeter(char);                                              \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::IsWordDelimeter(wchar_t);                                           \
+  template TERN_TEMPLATE_EXPORT bool CBuffer<T>::IsPrintable(const char*);                                          \
+  template TERN_TEMPLATE_EXPORT bool CBuffer<T>::IsPrintable(const wchar_t*);
+TERN_BUFFER_SEARCH(char)
+TERN_BUFFER_SEARCH(wchar_t)
+#undef TERN_BUFFER_SEARCH
 
 }  // namespace KVT

@@ -1,4 +1,4 @@
-// CBuffer's lines and files. Included by buffer.cpp, which instantiates the class.
+// CBuffer's lines and files: the members that cut a text into lines and read files by lines.
 #include "buffer/buffer.h"
 
 #include <io.h>
@@ -138,5 +138,18 @@ T* CBuffer<T>::GetNext(FILE*& stream, int index) {
   stream = nullptr;
   return nullptr;
 }
+
+// The members defined here, for both widths (buffer.cpp instantiates the rest).
+#define TERN_BUFFER_LINES(T)                                        \
+  template TERN_TEMPLATE_EXPORT T* CBuffer<T>::AddLine(T* start, T* end);                \
+  template TERN_TEMPLATE_EXPORT bool CBuffer<T>::ToLines();                              \
+  template TERN_TEMPLATE_EXPORT bool CBuffer<T>::Split(T delimiter);                     \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::ReAllocForFile(FILE* stream);            \
+  template TERN_TEMPLATE_EXPORT bool CBuffer<T>::AppendRead(T ch);                       \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::Load(FILE* stream);                      \
+  template TERN_TEMPLATE_EXPORT T* CBuffer<T>::GetNext(FILE*& stream, int index);
+TERN_BUFFER_LINES(char)
+TERN_BUFFER_LINES(wchar_t)
+#undef TERN_BUFFER_LINES
 
 }  // namespace KVT
