@@ -28,7 +28,8 @@ fi
 [ -f "$exe" ] || { echo "grep_compare: no ternsearch.exe; build first (./tern build)" >&2; exit 2; }
 exe=$(cd "$(dirname "$exe")" && pwd)/$(basename "$exe")
 
-export WINEPREFIX="${WINEPREFIX:-$build_root/wineprefix}"
+# shellcheck source=scripts/wine-prefix.sh
+source "$root/scripts/wine-prefix.sh"
 export WINEDEBUG=-all
 export WINEDLLOVERRIDES="${WINEDLLOVERRIDES:-mscoree,mshtml=;winex11.drv,winewayland.drv=}"
 unset DISPLAY WAYLAND_DISPLAY

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <cwchar>
 
-#include "foundation/cpu_features.h"
+#include "foundation/internal/cpu_features.h"
 
 namespace tern_bench {
 namespace {

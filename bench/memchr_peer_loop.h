@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "foundation/compiler.h"
+#include "foundation/internal/compiler.h"
 
 namespace tern_bench {
 namespace memchr_loop {

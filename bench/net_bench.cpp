@@ -19,10 +19,10 @@
 #include <vector>
 
 #include "bench/bench_compare.h"
-#include "foundation/scoped_handle.h"
+#include "foundation/internal/scoped_handle.h"
 #include "net/client_socket.h"
 #include "net/length_msg.h"
-#include "net/scoped_socket.h"
+#include "net/internal/scoped_socket.h"
 
 namespace {
 
@@ -107,8 +107,8 @@ class Winsock {
 };
 
 // Both ends of a loopback connection.
-bool ConnectedPair(KVT::ScopedSocket& sender, KVT::ScopedSocket& receiver) {
-  KVT::ScopedSocket listening(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+bool ConnectedPair(KVT::internal::ScopedSocket& sender, KVT::internal::ScopedSocket& receiver) {
+  KVT::internal::ScopedSocket listening(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
@@ -137,7 +137,7 @@ struct Tally {
   }
   std::int64_t received = 0;  // Written by the receiving thread only.
   std::int64_t target = kBytesPerPass;
-  KVT::ScopedHandle done;
+  KVT::internal::ScopedHandle done;
 };
 
 // One pass: the benchmark's thread sends, the receiving side counts.
@@ -166,7 +166,7 @@ class CountingReceiver : public KVT::ISOReceiver {
 
 void BM_ClientSocketReceive(benchmark::State& state) {
   Winsock winsock;
-  KVT::ScopedSocket sender, accepted;
+  KVT::internal::ScopedSocket sender, accepted;
   if (!winsock.ok() || !ConnectedPair(sender, accepted)) {
     state.SkipWithError("no loopback connection");
     return;
@@ -206,14 +206,14 @@ DWORD WINAPI PlainReceiveLoop(void* parameter) {
 
 void BM_PlainRecvLoop(benchmark::State& state) {
   Winsock winsock;
-  KVT::ScopedSocket sender, accepted;
+  KVT::internal::ScopedSocket sender, accepted;
   if (!winsock.ok() || !ConnectedPair(sender, accepted)) {
     state.SkipWithError("no loopback connection");
     return;
   }
   Tally tally;
   PlainLoop loop{accepted.Get(), &tally};
-  KVT::ScopedHandle thread(::CreateThread(nullptr, 0, PlainReceiveLoop, &loop, 0, nullptr));
+  KVT::internal::ScopedHandle thread(::CreateThread(nullptr, 0, PlainReceiveLoop, &loop, 0, nullptr));
   std::vector<char> piece(kSendPiece, 'r');
   for (auto _ : state) {
     if (!SendPass(sender.Get(), piece, tally)) {

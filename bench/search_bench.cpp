@@ -24,7 +24,7 @@
 #include "bench/search_corpus.h"
 #include "buffer/buffer.h"
 #include "buffer/search_query.h"
-#include "buffer/search_scan_internal.h"
+#include "buffer/internal/search_scan.h"
 #include "foundation/win.h"
 
 namespace {
@@ -157,20 +157,20 @@ void BM_StdSearch(benchmark::State& state, Config config) {
 // The scan beneath the search with one kernel set, results counted only.
 template <typename T>
 void BM_ScanWith(benchmark::State& state, Config config,
-                 const KVT::search_internal::KernelSet* set) {
+                 const KVT::internal::KernelSet* set) {
   const std::basic_string<T>& text = Text<T>();
   const std::basic_string<T> term = TermOf<T>(config);
   KVT::CSearchQuery<T> query;
   query.SetTerm(term.c_str(), 0, (config.flags & 1) != 0);
-  struct Count final : KVT::search_internal::ResultSink {
+  struct Count final : KVT::internal::ResultSink {
     void Put(const std::uint64_t*, std::uint32_t count) override { found += count; }
     std::size_t found = 0;
   } sink;
-  KVT::search_internal::ScanTuning tuning;
+  KVT::internal::ScanTuning tuning;
   tuning.kernels = set;
   for (auto _ : state) {
     sink.found = 0;
-    KVT::search_internal::ScanText(text.data(), static_cast<int>(text.size()), query,
+    KVT::internal::ScanText(text.data(), static_cast<int>(text.size()), query,
                                    config.flags, nullptr, nullptr, static_cast<T>('\n'), sink,
                                    tuning);
     benchmark::DoNotOptimize(sink.found);
@@ -308,11 +308,11 @@ void RegisterWidth(const char* width) {
         ::tern_bench::ComparisonRegistrar(("search vs " + peer_label).c_str(), subject.c_str(),
                                           peer_name.c_str());
         // The narrower kernel sets that run here, through the scan alone.
-        for (const KVT::search_internal::KernelSet* const* set =
-                 KVT::search_internal::AllKernelSets();
+        for (const KVT::internal::KernelSet* const* set =
+                 KVT::internal::AllKernelSets();
              *set != nullptr; ++set) {
-          if (*set == &KVT::search_internal::WidestKernels() ||
-              !KVT::search_internal::KernelsRun(**set)) {
+          if (*set == &KVT::internal::WidestKernels() ||
+              !KVT::internal::KernelsRun(**set)) {
             continue;
           }
           const std::string scan = name + "/scan_" + (*set)->name;
@@ -351,7 +351,7 @@ void RegisterBig() {
 }
 
 const bool kRegistered = [] {
-  benchmark::AddCustomContext("search kernels", KVT::search_internal::WidestKernels().name);
+  benchmark::AddCustomContext("search kernels", KVT::internal::WidestKernels().name);
   benchmark::AddCustomContext("memchr peer", tern_bench::WidestMemchrPeer().name);
   RegisterWidth<char>("narrow");
   RegisterWidth<wchar_t>("wide");

@@ -19,7 +19,7 @@
 #include "bench/bench_compare.h"
 #include "buffer/buffer.h"
 #include "buffer/search_query.h"
-#include "buffer/search_scan_internal.h"
+#include "buffer/internal/search_scan.h"
 
 namespace {
 
@@ -110,7 +110,7 @@ void BM_ResultsVector(benchmark::State& state) {
   KVT::CSearchQuery<char> query;
   query.SetTerm(kTerm, 0, false);
   std::unique_ptr<std::vector<std::uint64_t>> results;
-  struct VectorSink final : KVT::search_internal::ResultSink {
+  struct VectorSink final : KVT::internal::ResultSink {
     explicit VectorSink(std::unique_ptr<std::vector<std::uint64_t>>& into) : into(into) {}
     void Put(const std::uint64_t* batch, std::uint32_t count) override {
       for (std::uint32_t i = 0; i < count; ++i) into->push_back(batch[i]);
@@ -124,7 +124,7 @@ void BM_ResultsVector(benchmark::State& state) {
           results = std::make_unique<std::vector<std::uint64_t>>();
         },
         [&] {
-          KVT::search_internal::ScanText(text.data(), Length(text), query, 0, nullptr, nullptr,
+          KVT::internal::ScanText(text.data(), Length(text), query, 0, nullptr, nullptr,
                                          '\n', sink);
         }));
   }

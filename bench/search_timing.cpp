@@ -19,7 +19,7 @@
 #include "bench/search_corpus.h"
 #include "buffer/buffer.h"
 #include "buffer/search_query.h"
-#include "foundation/cpu_features.h"
+#include "foundation/internal/cpu_features.h"
 #include "foundation/win.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <new>
 #include <type_traits>
 
-#include "foundation/counted_block.h"
+#include "foundation/internal/counted_block.h"
 
 namespace KVT {
 namespace {

@@ -4,8 +4,8 @@
 #include <climits>
 #include <new>
 
-#include "buffer/search_chars_internal.h"
-#include "buffer/search_scan_internal.h"
+#include "buffer/internal/search_chars.h"
+#include "buffer/internal/search_scan.h"
 #include "foundation/win.h"
 
 namespace KVT {
@@ -18,7 +18,7 @@ namespace {
 // cannot be allocated is given back (the next Add tries that slot again), so that the table never
 // holds a cell without a result. Search returns the count of the table, which is then below the
 // number of occurrences; with memory to spare the two are equal.
-class TableSink final : public search_internal::ResultSink {
+class TableSink final : public internal::ResultSink {
  public:
   explicit TableSink(XArray<std::uint64_t>* results) : results_(results) {}
   void Put(const std::uint64_t* results, std::uint32_t count) override {
@@ -38,7 +38,7 @@ class TableSink final : public search_internal::ResultSink {
 bool ReadResult(const XArray<std::uint64_t>* results, int index, std::uint32_t* offset,
                 std::uint32_t* line) {
   if (results == nullptr || index >= results->count) return false;
-  search_internal::UnpackResult((*results)[index], offset, line);
+  internal::UnpackResult((*results)[index], offset, line);
   return true;
 }
 
@@ -62,7 +62,7 @@ unsigned long CBuffer<T>::Search(const T* text, int length, unsigned long flags,
     results->Reset();
   }
   TableSink sink(results);
-  search_internal::ScanText(text, length, query, flags, stop, stopArg, lineDelimiter, sink);
+  internal::ScanText(text, length, query, flags, stop, stopArg, lineDelimiter, sink);
   return static_cast<unsigned long>(results->count);
 }
 
@@ -125,32 +125,32 @@ int CBuffer<T>::GetResultLength(int index) {
 
 template <typename T>
 int CBuffer<T>::CharEqual(const char* a, const char* b, bool caseless) {
-  return search_internal::CharEqual(a, b, caseless);
+  return internal::CharEqual(a, b, caseless);
 }
 
 template <typename T>
 int CBuffer<T>::CharEqual(const wchar_t* a, const wchar_t* b, bool caseless) {
-  return search_internal::CharEqual(a, b, caseless);
+  return internal::CharEqual(a, b, caseless);
 }
 
 template <typename T>
 int CBuffer<T>::IsWordDelimeter(char ch) {
-  return search_internal::IsWordDelimeter(ch);
+  return internal::IsWordDelimeter(ch);
 }
 
 template <typename T>
 int CBuffer<T>::IsWordDelimeter(wchar_t ch) {
-  return search_internal::IsWordDelimeter(ch);
+  return internal::IsWordDelimeter(ch);
 }
 
 template <typename T>
 bool CBuffer<T>::IsPrintable(const char* ch) {
-  return search_internal::IsPrintable(ch);
+  return internal::IsPrintable(ch);
 }
 
 template <typename T>
 bool CBuffer<T>::IsPrintable(const wchar_t* ch) {
-  return search_internal::IsPrintable(ch);
+  return internal::IsPrintable(ch);
 }
 
 // The members defined here, for both widths (buffer.cpp instantiates the rest).

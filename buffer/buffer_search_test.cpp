@@ -12,20 +12,20 @@
 #include <vector>
 
 #include "buffer/search_query.h"
-#include "buffer/search_needle_internal.h"
-#include "buffer/search_scan_internal.h"
+#include "buffer/internal/search_needle.h"
+#include "buffer/internal/search_scan.h"
 #include "buffer/search_test_util.h"
-#include "foundation/scoped_handle.h"
+#include "foundation/internal/scoped_handle.h"
 #include "foundation/win.h"
 
 namespace {
 
 using KVT::CBuffer;
 using KVT::CSearchQuery;
-using KVT::ScopedHandle;
-using KVT::search_internal::KernelSet;
-using KVT::search_internal::Needle;
-using KVT::search_internal::ScanTuning;
+using KVT::internal::ScopedHandle;
+using KVT::internal::KernelSet;
+using KVT::internal::Needle;
+using KVT::internal::ScanTuning;
 using search_test::Result;
 using search_test::Results;
 using search_test::Scan;
@@ -238,7 +238,7 @@ TEST(BufferSearchTest, UnsoundTableIsFollowedExactly) {
   caseless.shiftTable['a'] = 3;
   caseless.shiftTable['A'] = 3;
   const std::string mixed = "xXaBc";
-  const ScanTuning eager = Forced(KVT::search_internal::WidestKernels());
+  const ScanTuning eager = Forced(KVT::internal::WidestKernels());
   EXPECT_EQ(Results{}, Scan(mixed, caseless, 1, '\n'));
   EXPECT_EQ(Results{}, Scan(mixed, caseless, 1, '\n', eager));
   EXPECT_EQ((Results{Result(1, 0)}), Scan(mixed, Query("abc", true), 1, '\n', eager));
@@ -373,7 +373,7 @@ TEST(BufferSearchTest, CharacterTests) {
 // folds ASCII alone, and used under one that also folds U+0100 with U+0101. Each text holds
 // occurrences before and after the place where the route gives way.
 TEST(BufferSearchTest, WideCaselessRouteGivesWayExactly) {
-  namespace internal = KVT::search_internal;
+  namespace internal = KVT::internal;
   std::wstring lead;
   for (int i = 0; i < 1500; ++i) lead += i % 7 == 0 ? L"a \x101X\n" : L"a kyx ";
   std::wstring dense;
@@ -445,7 +445,7 @@ std::vector<std::uint32_t> NaiveFind(const Needle<T>& needle, std::uint32_t from
 // stretches and `lines_at` between random positions, `find_high` over wide text.
 template <typename T>
 void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
-  const KVT::search_internal::ScanKernels<T>& kernels = KVT::search_internal::KernelsOf<T>(set);
+  const KVT::internal::ScanKernels<T>& kernels = KVT::internal::KernelsOf<T>(set);
   const std::basic_string<T> alphabet = search_test::AlphabetOf(T());
   std::mt19937 rng(seed);
   for (int c = 0; c < cases; ++c) {
@@ -458,16 +458,16 @@ void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
     const std::uint32_t a = n > 0 ? rng() % n : 0;
     const std::uint32_t b = a + (n > a ? rng() % (n - a + 1) : 0);
     const T delimiter = alphabet[rng() % alphabet.size()];
-    KVT::search_internal::LineCount lines{0, 0};
+    KVT::internal::LineCount lines{0, 0};
     for (std::uint32_t i = a; i < b; ++i) {
       if (p[i] == delimiter) lines = {lines.count + 1, i - a + 1};
     }
-    const KVT::search_internal::LineCount got = kernels.count_lines(p + a, b - a, delimiter);
+    const KVT::internal::LineCount got = kernels.count_lines(p + a, b - a, delimiter);
     ASSERT_EQ(lines.count, got.count) << "count_lines over " << a << " .. " << b;
     ASSERT_EQ(lines.behind_last, got.behind_last) << "count_lines over " << a << " .. " << b;
     {
       std::uint32_t positions[5];
-      KVT::search_internal::LineCount gaps[5];
+      KVT::internal::LineCount gaps[5];
       const std::uint32_t stops = rng() % 6;
       for (std::uint32_t i = 0; i < stops; ++i) {
         const std::uint32_t previous = i == 0 ? a : positions[i - 1];
@@ -475,7 +475,7 @@ void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
       }
       kernels.lines_at(p, a, positions, stops, delimiter, gaps);
       for (std::uint32_t i = 0; i < stops; ++i) {
-        KVT::search_internal::LineCount gap{0, 0};
+        KVT::internal::LineCount gap{0, 0};
         for (std::uint32_t j = i == 0 ? a : positions[i - 1]; j < positions[i]; ++j) {
           if (p[j] == delimiter) gap = {gap.count + 1, j + 1};
         }
@@ -520,7 +520,7 @@ void CompareKernels(const KernelSet& set, std::uint32_t seed, int cases) {
     const std::uint32_t capacity = capacities[rng() % 4];
     std::uint32_t out[64];
     const bool census_asked = rng() % 2 == 0;
-    KVT::search_internal::Census<T> census{delimiter, rng() % 2 == 0, ~0u, true};
+    KVT::internal::Census<T> census{delimiter, rng() % 2 == 0, ~0u, true};
     const std::uint32_t count = kernels.find(needle, from, to, out, capacity,
                                              census_asked ? &census : nullptr);
     ASSERT_EQ(NaiveFind(needle, from, to, capacity), std::vector<std::uint32_t>(out, out + count))
@@ -555,7 +555,7 @@ template <typename T>
 void CompareWithReference(const KernelSet& set, std::uint32_t seed, int texts) {
   std::mt19937 rng(seed);
   const std::basic_string<T> alphabet = search_test::AlphabetOf(T());
-  const bool widest = &set == &KVT::search_internal::WidestKernels();
+  const bool widest = &set == &KVT::internal::WidestKernels();
   CBuffer<T> buffer;
   std::size_t cases = 0, occurrences = 0;
   for (int round = 0; round < texts; ++round) {
@@ -585,7 +585,7 @@ void CompareWithReference(const KernelSet& set, std::uint32_t seed, int texts) {
         ASSERT_EQ(expected, Scan(memory.data() + pad, text.size(), query, flags, delimiter,
                                  Forced(set, stretch)));
         search_test::Collect polled;
-        KVT::search_internal::ScanText(memory.data() + pad, n, query, flags, &NeverStop, nullptr,
+        KVT::internal::ScanText(memory.data() + pad, n, query, flags, &NeverStop, nullptr,
                                        delimiter, polled, Forced(set));
         ASSERT_EQ(expected, polled.all) << "with a stop callback";
         if (!widest || n == 0) continue;  // An empty text is refused by every form.
@@ -666,8 +666,8 @@ void CheckStretchBoundaries(const KernelSet& set) {
       }
     }
   }
-  const std::uint32_t census = KVT::search_internal::kCensusStretchBytes / sizeof(T);
-  const std::uint32_t cached = KVT::search_internal::kCachedStretchBytes / sizeof(T);
+  const std::uint32_t census = KVT::internal::kCensusStretchBytes / sizeof(T);
+  const std::uint32_t cached = KVT::internal::kCachedStretchBytes / sizeof(T);
   for (const std::basic_string<T>& term : {terms[0], terms[1]}) {
     const auto m = static_cast<std::uint32_t>(term.size());
     for (std::uint32_t d : {0u, 1u, m, m + 1, 2 * m + 2}) {

@@ -6,7 +6,7 @@
 #include <cwctype>
 #include <new>
 
-#include "foundation/counted_block.h"
+#include "foundation/internal/counted_block.h"
 
 namespace KVT {
 namespace {

@@ -8,8 +8,8 @@
 
 #include <cstdint>
 
-#include "buffer/search_kernels.h"
-#include "buffer/search_vector_kernels.h"
+#include "buffer/internal/search_kernels.h"
+#include "buffer/internal/search_vector_kernels.h"
 
 namespace search_test {
 namespace {
@@ -86,11 +86,11 @@ struct Vec {
   static std::uint32_t Sum(V v, wchar_t) { return SumOf<std::uint16_t>(v); }
 };
 
-constexpr KVT::search_internal::KernelSet kSet =
-    KVT::search_internal::vector_kernels::MakeKernelSet<Vec>("avx512bw emulated by sse2");
+constexpr KVT::internal::KernelSet kSet =
+    KVT::internal::vector_kernels::MakeKernelSet<Vec>("avx512bw emulated by sse2");
 
 }  // namespace
 
-const KVT::search_internal::KernelSet& EmulatedAvx512Kernels() { return kSet; }
+const KVT::internal::KernelSet& EmulatedAvx512Kernels() { return kSet; }
 
 }  // namespace search_test

@@ -14,14 +14,14 @@
 #include <vector>
 #include <wchar.h>
 
-#include "buffer/search_kernels.h"
+#include "buffer/internal/search_kernels.h"
 #include "buffer/search_query.h"
-#include "buffer/search_scan_internal.h"
-#include "foundation/cpu_features.h"
+#include "buffer/internal/search_scan.h"
+#include "foundation/internal/cpu_features.h"
 
 namespace search_test {
 
-using KVT::search_internal::KernelSet;
+using KVT::internal::KernelSet;
 
 // The kernels of search_vector_kernels.h over an emulated AVX-512 vector (search_test_kernels.cpp),
 // which runs where the processor has SSE2.
@@ -31,7 +31,7 @@ const KernelSet& EmulatedAvx512Kernels();
 // emulated one.
 inline std::vector<const KernelSet*> KernelSetsUnderTest() {
   std::vector<const KernelSet*> sets;
-  for (const KernelSet* const* set = KVT::search_internal::AllKernelSets(); *set; ++set) {
+  for (const KernelSet* const* set = KVT::internal::AllKernelSets(); *set; ++set) {
     sets.push_back(*set);
   }
   sets.push_back(&EmulatedAvx512Kernels());
@@ -62,7 +62,7 @@ inline bool Runs(const KernelSet& set, std::string* why) {
     return KVT::internal::CpuHas(KVT::internal::kCpuSse2);
   }
   *why = std::string("this processor or system does not run the ") + set.name + " kernels";
-  return KVT::search_internal::KernelsRun(set);
+  return KVT::internal::KernelsRun(set);
 }
 
 using Results = std::vector<std::uint64_t>;
@@ -77,7 +77,7 @@ std::basic_string<T> Widen(const std::string& text) {
 }
 
 // Collects what a scan hands over.
-struct Collect final : KVT::search_internal::ResultSink {
+struct Collect final : KVT::internal::ResultSink {
   void Put(const std::uint64_t* results, std::uint32_t count) override {
     all.insert(all.end(), results, results + count);
   }
@@ -87,16 +87,16 @@ struct Collect final : KVT::search_internal::ResultSink {
 // ScanText's results.
 template <typename T>
 Results Scan(const T* text, std::size_t n, const KVT::CSearchQuery<T>& query, unsigned long flags,
-             T delimiter, const KVT::search_internal::ScanTuning& tuning = {}) {
+             T delimiter, const KVT::internal::ScanTuning& tuning = {}) {
   Collect sink;
-  const std::uint32_t found = KVT::search_internal::ScanText(
+  const std::uint32_t found = KVT::internal::ScanText(
       text, static_cast<int>(n), query, flags, nullptr, nullptr, delimiter, sink, tuning);
   if (found != sink.all.size()) sink.all.push_back(~0ull);  // Never a result: fails any check.
   return sink.all;
 }
 template <typename T>
 Results Scan(const std::basic_string<T>& text, const KVT::CSearchQuery<T>& query,
-             unsigned long flags, T delimiter, const KVT::search_internal::ScanTuning& tuning = {}) {
+             unsigned long flags, T delimiter, const KVT::internal::ScanTuning& tuning = {}) {
   return Scan(text.data(), text.size(), query, flags, delimiter, tuning);
 }
 

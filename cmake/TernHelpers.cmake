@@ -121,8 +121,8 @@ endfunction()
 
 # Sources compiled for an instruction set beyond the build's baseline, named the same for every
 # compiler: SSE2, SSSE3, AVX2 or AVX512BW (AVX-512 Foundation and Byte/Word). They are called only
-# after a run-time check (foundation/cpu_features.h). Such a file keeps its code file-local and
-# includes no header with shared inline code (foundation/compiler.h's functions are static), so
+# after a run-time check (foundation/internal/cpu_features.h). Such a file keeps its code file-local and
+# includes no header with shared inline code (foundation/internal/compiler.h's functions are static), so
 # that no copy of a shared function is built for that set.
 #   GCC: -m flags. Vector moves are assembled as unaligned ones (same speed on aligned data): GCC
 #   cannot align the x86_64 Windows stack to 32 bytes for a spilled vector. i686 functions realign

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <cwchar>
 
-#include "foundation/base64_codec.h"
+#include "foundation/internal/base64_codec.h"
 #include "foundation/memory.h"
 #include "foundation/string_util.h"
 #include "foundation/temp_string.h"

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "foundation/base64_codec.h"
+#include "foundation/internal/base64_codec.h"
 #include "foundation/memory.h"
 #include "foundation/url_unescape.h"
-#include "foundation/url_unescape_internal.h"
+#include "foundation/internal/url_unescape_steps.h"
 #include "foundation/win.h"
 #include "tests/random/random_test_util.h"
 

@@ -3,7 +3,7 @@
 // cleared at load and their blocks released at unload. Loading never fails on account of this:
 // CoInitialize's results are not looked at.
 
-#include "foundation/temp_string_ring.h"
+#include "foundation/internal/temp_string_ring.h"
 #include "foundation/win.h"
 
 #include <objbase.h>

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "foundation/event.h"
-#include "foundation/scoped_handle.h"
+#include "foundation/internal/scoped_handle.h"
 #include "foundation/system_text.h"
 #include "foundation/temp_string.h"
 
@@ -46,7 +46,7 @@ TEST(MemoryTest, ZeroFilledBlocksOfTheProcessHeap) {
 // A failed wait reads as signalled. Relies on the wait failing for a closed handle, which Wine
 // and Windows both do.
 TEST(IsEventSignalledTest, FollowsTheEventAndAFailedWaitCountsAsSignalled) {
-  KVT::ScopedHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  KVT::internal::ScopedHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   EXPECT_FALSE(KVT::IsEventSignalled(event.Get()));
   ::SetEvent(event.Get());
   EXPECT_TRUE(KVT::IsEventSignalled(event.Get()));

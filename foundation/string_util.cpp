@@ -9,7 +9,7 @@
 
 #include "foundation/memory.h"
 #include "foundation/temp_string.h"
-#include "foundation/temp_string_ring.h"
+#include "foundation/internal/temp_string_ring.h"
 #include "foundation/win.h"
 
 namespace KVT {

@@ -1,7 +1,7 @@
 #include "foundation/system_text.h"
 
 #include "foundation/temp_string.h"
-#include "foundation/temp_string_ring.h"
+#include "foundation/internal/temp_string_ring.h"
 
 namespace KVT {
 namespace {

@@ -1,6 +1,6 @@
 #include "foundation/temp_string.h"
 
-#include "foundation/temp_string_ring.h"
+#include "foundation/internal/temp_string_ring.h"
 
 namespace KVT {
 namespace internal {

@@ -1,6 +1,6 @@
 #include "foundation/url_unescape.h"
 
-#include "foundation/url_unescape_internal.h"
+#include "foundation/internal/url_unescape_steps.h"
 #include "foundation/win.h"
 
 // UrlUnescapeW lives in the shell's light utility library (shlwapi.dll); the build links it.

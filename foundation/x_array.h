@@ -13,7 +13,9 @@
 #include <new>
 #include <type_traits>
 
-#include "foundation/counted_block.h"
+// The one internal header that a public one includes: the table is a counted block, and the
+// application compiles XArray itself.
+#include "foundation/internal/counted_block.h"
 
 // One record of an XArray: the value and whether the array must release it.
 template <typename T>

@@ -1,6 +1,6 @@
 #include "net/client_socket.h"
 
-#include "net/socket_internal.h"
+#include "net/internal/socket_fields.h"
 
 namespace KVT {
 namespace {
@@ -31,7 +31,7 @@ CClientSocket::~CClientSocket() {
   receiver = nullptr;
   // The handle belongs to whoever connected or accepted it; CSocket's destructor must not close
   // it.
-  StoreSocket(socket, 0);
+  internal::StoreSocket(socket, 0);
 }
 
 CClientSocket& CClientSocket::operator=(CClientSocket& other) {
@@ -40,7 +40,7 @@ CClientSocket& CClientSocket::operator=(CClientSocket& other) {
 }
 
 int CClientSocket::Send(void const* data, int length) {
-  const unsigned int handle = LoadSocket(socket);
+  const unsigned int handle = internal::LoadSocket(socket);
   if (handle == 0) return 0;
   const int sent = ::send(handle, static_cast<char const*>(data), length, 0);
   if (sent == SOCKET_ERROR) SetSocketError(::WSAGetLastError());
@@ -59,13 +59,13 @@ unsigned long __stdcall CClientSocket::ReceiverThreadProc(void* parameter) {
 
 unsigned long CClientSocket::ReceiverProc() {
   u_long blocking = 0;
-  ::ioctlsocket(LoadSocket(socket), FIONBIO, &blocking);
-  if (buffer == nullptr || LoadSocket(socket) == 0) return 0;
+  ::ioctlsocket(internal::LoadSocket(socket), FIONBIO, &blocking);
+  if (buffer == nullptr || internal::LoadSocket(socket) == 0) return 0;
   lastError = 0;
   for (;;) {
     // Buffer, size and socket are read anew for every read: OnReceive may grow the buffer.
-    const int received = ::recv(LoadSocket(socket), buffer, bufferSize, 0);
-    if (LoadSocket(socket) == 0) return 1;  // Shut down by another thread.
+    const int received = ::recv(internal::LoadSocket(socket), buffer, bufferSize, 0);
+    if (internal::LoadSocket(socket) == 0) return 1;  // Shut down by another thread.
     if (receiver == nullptr) return 1;
     if (receiver->IsStopping()) return 1;
     if (received == 0) return 1;  // The peer closed the connection.

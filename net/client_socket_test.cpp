@@ -24,7 +24,7 @@ using tern_test::TcpInfo;
 using tern_test::TestServer;
 
 // Closes with a reset instead of the orderly close: linger on, with a time of 0.
-void ResetConnection(KVT::ScopedSocket& socket) {
+void ResetConnection(KVT::internal::ScopedSocket& socket) {
   linger hard = {1, 0};
   ::setsockopt(socket.Get(), SOL_SOCKET, SO_LINGER, reinterpret_cast<char*>(&hard), sizeof(hard));
   socket.Close();
@@ -113,7 +113,7 @@ TEST(CClientSocket, LoopEndsAtTheFirstChunkWithoutAnError) {
 
 TEST(CClientSocket, NotASocketEndsWithWSAENOTSOCKAndNoSocketNeverReads) {
   RecordingReceiver receiver;
-  KVT::ScopedHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  KVT::internal::ScopedHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   CClientSocket socket(&receiver, tern_test::HandleNumber(event), 0);
   ASSERT_NE(socket.Receive(0), nullptr);
   EXPECT_EQ(ExitCodeAfterWait(socket.GetThread()), 1);
@@ -173,7 +173,7 @@ TEST(CClientSocket, SendGivesThePlatformsCountAndDestructionLeavesTheHandleOpen)
 }
 
 // Whether the peer of `socket` has closed: recv gives 0 or fails (a reset).
-bool PeerClosed(const KVT::ScopedSocket& socket) {
+bool PeerClosed(const KVT::internal::ScopedSocket& socket) {
   DWORD timeout = tern_test::kPatience;
   ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char*>(&timeout),
                sizeof(timeout));
@@ -199,7 +199,7 @@ TEST(CServerSocket, AcceptsAndHandsOverEachConnectionWithDontLinger) {
   EXPECT_STREQ(server.server().GetIPAddress(), L"127.0.0.1");
   EXPECT_TRUE(server.server().Pause());
   for (int i = 0; i < 3; ++i) {
-    KVT::ScopedSocket client = Connect(server.port());
+    KVT::internal::ScopedSocket client = Connect(server.port());
     ASSERT_TRUE(client.IsValid());
     ASSERT_TRUE(tern_test::WaitUntil([&] { return listener.accepts.load() == i + 1; }));
     EXPECT_TRUE(PeerClosed(client));  // The listener closed its end.
@@ -212,7 +212,7 @@ TEST(CServerSocket, AcceptsAndHandsOverEachConnectionWithDontLinger) {
 
 TEST(CServerSocket, PortInUseReachesOnErrorAndLeavesNoError) {
   unsigned short port = 0;
-  KVT::ScopedSocket holder = tern_test::BoundToFreePort(port, 1);  // Someone else listens.
+  KVT::internal::ScopedSocket holder = tern_test::BoundToFreePort(port, 1);  // Someone else listens.
   ASSERT_TRUE(holder.IsValid());
   RecordingListener listener;
   KVT::TSOSocketInfo info = TcpInfo(L"127.0.0.1", port);
@@ -241,7 +241,7 @@ TEST(CServerSocket, StopRightAfterListeningAcceptsNothingAndRefusesASecondListen
   EXPECT_EQ(server.server().listen_argument(), 0);  // The first one's.
   EXPECT_NE(server.server().socket_handle(), 0u);
   // The backlog still takes a connection, but nobody accepts it.
-  KVT::ScopedSocket client = Connect(server.port());
+  KVT::internal::ScopedSocket client = Connect(server.port());
   EXPECT_TRUE(client.IsValid());
   EXPECT_EQ(listener.accepts.load(), 0);
   server.server().Shutdown();
@@ -264,7 +264,7 @@ TEST(CServerSocket, StopAfterAnAccept) {
     }
     LoopbackServer server(listener);
     ASSERT_TRUE(server.IsListening());
-    KVT::ScopedSocket client = Connect(server.port());
+    KVT::internal::ScopedSocket client = Connect(server.port());
     ASSERT_TRUE(client.IsValid());
     ASSERT_EQ(ExitCodeAfterWait(server.server().GetThread()), 1);
     EXPECT_EQ(listener.accepts.load(), in_on_accept ? 1 : 0);
@@ -341,7 +341,7 @@ void ServeAndEnd(int clients, DWORD* peak) {
   {
     LoopbackServer server(listener);
     ASSERT_TRUE(server.IsListening());
-    std::vector<KVT::ScopedSocket> peers;
+    std::vector<KVT::internal::ScopedSocket> peers;
     for (int i = 0; i < clients; ++i) {
       peers.push_back(Connect(server.port()));
       ASSERT_TRUE(SendAll(peers.back().Get(), "x"));

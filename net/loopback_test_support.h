@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "foundation/scoped_handle.h"
+#include "foundation/internal/scoped_handle.h"
 #include "foundation/string_util.h"
 #include "net/client_socket.h"
-#include "net/scoped_socket.h"
+#include "net/internal/scoped_socket.h"
 #include "net/server_socket.h"
 #include "sync/test_thread.h"
 
@@ -31,27 +31,27 @@ inline sockaddr_in LoopbackAddress(unsigned short port) {
 
 // A socket bound to a loopback port the system picks, listening if `backlog` > 0; the port goes
 // to `port`. None on failure.
-inline KVT::ScopedSocket BoundToFreePort(unsigned short& port, int backlog = 0) {
-  KVT::ScopedSocket bound(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+inline KVT::internal::ScopedSocket BoundToFreePort(unsigned short& port, int backlog = 0) {
+  KVT::internal::ScopedSocket bound(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   sockaddr_in address = LoopbackAddress(0);
   int length = sizeof(address);
   auto* name = reinterpret_cast<sockaddr*>(&address);
   if (!bound.IsValid() || ::bind(bound.Get(), name, length) != 0 ||
       (backlog > 0 && ::listen(bound.Get(), backlog) != 0) ||
       ::getsockname(bound.Get(), name, &length) != 0) {
-    return KVT::ScopedSocket();
+    return KVT::internal::ScopedSocket();
   }
   port = ::ntohs(address.sin_port);
   return bound;
 }
 
 // A connected client socket to 127.0.0.1:port, or none.
-inline KVT::ScopedSocket Connect(unsigned short port) {
-  KVT::ScopedSocket client(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+inline KVT::internal::ScopedSocket Connect(unsigned short port) {
+  KVT::internal::ScopedSocket client(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   sockaddr_in address = LoopbackAddress(port);
   if (!client.IsValid() ||
       ::connect(client.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-    return KVT::ScopedSocket();
+    return KVT::internal::ScopedSocket();
   }
   return client;
 }
@@ -59,15 +59,15 @@ inline KVT::ScopedSocket Connect(unsigned short port) {
 // Both ends of one loopback connection, made with plain Windows Sockets: the connecting side
 // and the accepted side.
 struct SocketPair {
-  KVT::ScopedSocket near_end;
-  KVT::ScopedSocket far_end;
+  KVT::internal::ScopedSocket near_end;
+  KVT::internal::ScopedSocket far_end;
   bool IsValid() const { return near_end.IsValid() && far_end.IsValid(); }
 };
 
 inline SocketPair ConnectedPair() {
   SocketPair pair;
   unsigned short port = 0;
-  KVT::ScopedSocket listening = BoundToFreePort(port, 1);
+  KVT::internal::ScopedSocket listening = BoundToFreePort(port, 1);
   if (listening.IsValid()) pair.near_end = Connect(port);
   // The connection is queued already, so this accept doesn't wait.
   if (pair.near_end.IsValid()) pair.far_end.Reset(::accept(listening.Get(), nullptr, nullptr));
@@ -75,7 +75,7 @@ inline SocketPair ConnectedPair() {
 }
 
 // A handle that is open but no socket, as the socket classes' number type.
-inline unsigned int HandleNumber(const KVT::ScopedHandle& handle) {
+inline unsigned int HandleNumber(const KVT::internal::ScopedHandle& handle) {
   return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(handle.Get()));
 }
 
@@ -171,7 +171,7 @@ class RecordingListener : public KVT::ISOListener {
   std::vector<int> errors;
   std::wstring listening_address;
   unsigned short listening_port = 0xFFFF;
-  KVT::ScopedHandle gate{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  KVT::internal::ScopedHandle gate{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 };
 
 // A TSOSocketInfo for TCP on IPv4.

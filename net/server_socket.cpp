@@ -1,7 +1,7 @@
 #include "net/server_socket.h"
 
 #include "foundation/memory.h"
-#include "net/socket_internal.h"
+#include "net/internal/socket_fields.h"
 
 namespace KVT {
 namespace {
@@ -51,25 +51,25 @@ unsigned long __stdcall CServerSocket::ListenThreadProc(void* parameter) {
 unsigned long CServerSocket::ListenProc() {
   // A Listen after a failed start finds the socket and the address block of the attempt before,
   // whose thread has ended: release them rather than lose them.
-  const unsigned int stale = ExchangeSocket(socket, 0);
+  const unsigned int stale = internal::ExchangeSocket(socket, 0);
   if (stale != 0) ::closesocket(stale);
   MemFree(address);
   address = nullptr;
 
-  StoreSocket(socket, ToHandle(::socket(family, type, protocol)));
+  internal::StoreSocket(socket, ToHandle(::socket(family, type, protocol)));
   address = CSocketUtil::GetHostAddress(host, family, protocol, type, port);
   if (address == nullptr ||
-      ::bind(LoadSocket(socket), reinterpret_cast<sockaddr*>(address), sizeof(sockaddr_in)) ==
+      ::bind(internal::LoadSocket(socket), reinterpret_cast<sockaddr*>(address), sizeof(sockaddr_in)) ==
           SOCKET_ERROR) {
     listener->OnError(this, ::WSAGetLastError());
     return 0;
   }
-  if (::listen(LoadSocket(socket), SOMAXCONN) == SOCKET_ERROR) {
+  if (::listen(internal::LoadSocket(socket), SOMAXCONN) == SOCKET_ERROR) {
     SetSocketError(::WSAGetLastError());
     listener->OnError(this, ::WSAGetLastError());
     return 0;
   }
-  CopyBounded(ipAddress, CSocketUtil::IP4SockIPToStrIP(address));
+  internal::CopyBounded(ipAddress, CSocketUtil::IP4SockIPToStrIP(address));
   // Only a successful lookup replaces the host text.
   CSocketUtil::GetNameInfo(reinterpret_cast<sockaddr*>(address), sizeof(sockaddr_in), 0, host,
                            nullptr);
@@ -80,7 +80,7 @@ unsigned long CServerSocket::ListenProc() {
   for (;;) {
     // No length: the platform writes no peer address into the block.
     const SOCKET result =
-        ::accept(LoadSocket(socket), reinterpret_cast<sockaddr*>(address), nullptr);
+        ::accept(internal::LoadSocket(socket), reinterpret_cast<sockaddr*>(address), nullptr);
     unsigned int accepted = 0;
     if (result == INVALID_SOCKET) {
       SetSocketError(::WSAGetLastError());
@@ -89,7 +89,7 @@ unsigned long CServerSocket::ListenProc() {
     }
     if (listener->IsStopping()) {
       if (accepted != 0) ::closesocket(accepted);
-      const unsigned int listening = ExchangeSocket(socket, 0);
+      const unsigned int listening = internal::ExchangeSocket(socket, 0);
       if (listening != 0) ::closesocket(listening);
       return 1;
     }

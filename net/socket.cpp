@@ -4,8 +4,8 @@
 
 #include "foundation/memory.h"
 #include "foundation/string_util.h"
-#include "net/socket_internal.h"
-#include "sync/lock_internal.h"
+#include "net/internal/socket_fields.h"
+#include "sync/internal/lock_share.h"
 
 namespace KVT {
 
@@ -19,7 +19,7 @@ CSocket::CSocket(unsigned int socket, int bufferSize) {
   ::getpeername(socket, reinterpret_cast<sockaddr*>(address), &length);
   CSocketUtil::GetNameInfo(reinterpret_cast<sockaddr*>(address), sizeof(sockaddr_in), 0, host,
                            nullptr);
-  CopyBounded(ipAddress, CSocketUtil::IP4SockIPToStrIP(address));
+  internal::CopyBounded(ipAddress, CSocketUtil::IP4SockIPToStrIP(address));
 }
 
 CSocket::CSocket(TSOSocketInfo* info, int bufferSize) {
@@ -32,7 +32,7 @@ CSocket::CSocket(TSOSocketInfo* info, int bufferSize) {
   port = info->port;
   // The record's text may fill all its elements; copy what fits before our terminator.
   std::memcpy(host, info->host, sizeof(host) - sizeof(host[0]));
-  host[kTextElements - 1] = L'\0';
+  host[internal::kTextElements - 1] = L'\0';
 }
 
 CSocket::CSocket(CSocket const& other)
@@ -77,7 +77,7 @@ void CSocket::Shutdown() {
   // The field goes to 0 before the handle is closed: a loop that a closed handle releases then
   // always finds 0 and knows that it was stopped. Two threads that shut down at once close the
   // handle once.
-  const unsigned int handle = ExchangeSocket(socket, 0);
+  const unsigned int handle = internal::ExchangeSocket(socket, 0);
   if (handle == 0) return;
   ::shutdown(handle, SD_BOTH);
   ::closesocket(handle);
@@ -96,7 +96,7 @@ void CSocket::Lock() { lock.Lock(); }
 void CSocket::Unlock() { lock.Unlock(); }
 
 int CSocket::SetBufferSize(int size) {
-  if (size < 1) size = kDefaultBufferSize;
+  if (size < 1) size = internal::kDefaultBufferSize;
   if (size <= bufferSize) return bufferSize;
   // A copy that shares the buffer would keep a pointer to the freed block.
   if (internal::LockShareCount(lock) > 1) return bufferSize;
@@ -127,7 +127,7 @@ void CSocket::Init(int bufferSize) {
   socket = 0;
   thread = nullptr;
   lastError = 0;
-  if (bufferSize < 1) bufferSize = kDefaultBufferSize;
+  if (bufferSize < 1) bufferSize = internal::kDefaultBufferSize;
   this->bufferSize = bufferSize;
   buffer = static_cast<char*>(MemAlloc(static_cast<std::uint32_t>(bufferSize)));
 }

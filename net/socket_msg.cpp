@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "foundation/counted_heap_block.h"
+#include "foundation/internal/counted_heap_block.h"
 
 namespace KVT {
 namespace {

@@ -94,14 +94,14 @@ TEST(GetAddrInfo, PortAndServiceForms) {
   EXPECT_EQ(result, nullptr);
   EXPECT_FALSE(CSocketUtil::GetAddrInfo(L"127.0.0.1", 1, &hints, nullptr));
   ASSERT_TRUE(CSocketUtil::GetAddrInfo(L"127.0.0.1", 4321, &hints, &result));
-  KVT::ScopedAddrInfo owner(result);
+  KVT::internal::ScopedAddrInfo owner(result);
   EXPECT_EQ(reinterpret_cast<sockaddr_in*>(result->ai_addr)->sin_port, ::htons(4321));
   ASSERT_TRUE(CSocketUtil::GetAddrInfo(L"", 1, &hints, &result));
-  KVT::ScopedAddrInfo local_owner(result);
+  KVT::internal::ScopedAddrInfo local_owner(result);
 
   hints.ai_flags = AI_NUMERICHOST;
   ASSERT_TRUE(CSocketUtil::GetAddrInfo(L"127.0.0.1", L"5000", &hints, &result));
-  KVT::ScopedAddrInfo service_owner(result);
+  KVT::internal::ScopedAddrInfo service_owner(result);
   EXPECT_EQ(reinterpret_cast<sockaddr_in*>(result->ai_addr)->sin_port, ::htons(5000));
   EXPECT_FALSE(CSocketUtil::GetAddrInfo(kNone, kNone, &hints, &result));
 }
@@ -217,7 +217,7 @@ TEST(CSocket, OverAConnectedHandleTakesThePeersAddressButNotItsPort) {
 }
 
 TEST(CSocket, OverSomethingThatIsNoSocketStaysQuiet) {
-  KVT::ScopedHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  KVT::internal::ScopedHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   {
     OpenSocket socket(tern_test::HandleNumber(event), 0);
     EXPECT_STREQ(socket.GetHost(), L"");

@@ -4,7 +4,7 @@
 
 #include "foundation/memory.h"
 #include "foundation/string_util.h"
-#include "net/scoped_socket.h"
+#include "net/internal/scoped_socket.h"
 
 namespace KVT {
 namespace {
@@ -113,7 +113,7 @@ sockaddr_in* CSocketUtil::GetHostAddress(wchar_t const* host, unsigned short fam
   hints.ai_protocol = protocol;
   addrinfo* result = nullptr;
   if (!GetAddrInfo(host, port, &hints, &result)) return block;
-  ScopedAddrInfo found(result);
+  internal::ScopedAddrInfo found(result);
   const addrinfo* first = found.Get();
   if (first != nullptr && first->ai_addr != nullptr) {
     // 16 bytes: an IPv4 address whole, or the head of a longer one. A shorter address (none of

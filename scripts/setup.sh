@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what the build needs on a Debian 12 machine, and nothing when it is all there already:
+# Installs what the build needs on a Debian 12 machine, and nothing when it is all there already
+# (it says what it installs, and never lets apt remove a package):
 # the MinGW-w64 -posix cross compilers, CMake, Ninja, the GoogleTest sources and Wine with its
 # 32- and 64-bit halves, Python for the tests that drive the example servers and check the DLL's
 # boundary, and for the builds in Microsoft's ABI clang-cl, lld-link, the LLVM tools, libc++'s
@@ -34,6 +35,26 @@ apt_update() {
 
 export DEBIAN_FRONTEND=noninteractive
 
+# apt_install WHY PACKAGE...: installs the packages, saying what and why. apt is asked first what
+# it would do (apt-get -s), and nothing is installed if that would remove any package: a stale
+# index (seen with the i386 one of bookworm-security) has made apt remove dozens, the compilers
+# among them. Options for apt-get (other sources) come from the array apt_opts.
+apt_opts=()
+apt_install() {
+  local why=$1
+  shift
+  local plan
+  plan=$(as_root apt-get "${apt_opts[@]}" -s install --no-install-recommends "$@" 2>&1) ||
+    { echo "$plan" >&2; echo "setup: apt cannot install $* ($why)" >&2; exit 1; }
+  if grep -q '^Remv ' <<<"$plan"; then
+    echo "setup: installing $* ($why) would remove packages, so nothing was installed:" >&2
+    grep '^Remv ' <<<"$plan" >&2
+    exit 1
+  fi
+  echo "setup: installing $* ($why)" >&2
+  as_root apt-get "${apt_opts[@]}" install -y -qq --no-install-recommends "$@" >/dev/null
+}
+
 pkgs=()
 have i686-w64-mingw32-g++-posix || pkgs+=(g++-mingw-w64-i686-posix)
 have x86_64-w64-mingw32-g++-posix || pkgs+=(g++-mingw-w64-x86-64-posix)
@@ -46,8 +67,7 @@ have python3 || pkgs+=(python3)
 [ "$want_bench" = 1 ] && ! have rg && pkgs+=(ripgrep)
 if [ "${#pkgs[@]}" -gt 0 ]; then
   apt_update
-  echo "setup: installing ${pkgs[*]}" >&2
-  as_root apt-get install -y -qq --no-install-recommends "${pkgs[@]}" >/dev/null
+  apt_install "the build's tools" "${pkgs[@]}"
 fi
 
 # Wine: both halves, from bookworm and bookworm-updates only. The i386 index of the security suite
@@ -55,6 +75,7 @@ fi
 # packages"); all four packages go in one call so apt never drops the 64-bit half for the 32-bit.
 if ! installed wine32:i386 || ! installed wine64 || ! have wine; then
   if ! dpkg --print-foreign-architectures | grep -qx i386; then
+    echo "setup: adding the i386 architecture to dpkg (32-bit Wine)" >&2
     as_root dpkg --add-architecture i386
   fi
   src_dir=$(mktemp -d)
@@ -65,11 +86,10 @@ Suites: bookworm bookworm-updates
 Components: main
 Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
 SRC
-  opts=(-o Dir::Etc::SourceList=/dev/null -o "Dir::Etc::SourceParts=$src_dir")
-  as_root apt-get "${opts[@]}" update -qq >/dev/null 2>&1 || true
-  echo "setup: installing wine (32- and 64-bit)" >&2
-  as_root apt-get "${opts[@]}" install -y -qq --no-install-recommends \
-    wine wine64 libwine:amd64 wine32:i386 libwine:i386 >/dev/null
+  apt_opts=(-o Dir::Etc::SourceList=/dev/null -o "Dir::Etc::SourceParts=$src_dir")
+  as_root apt-get "${apt_opts[@]}" update -qq >/dev/null 2>&1 || true
+  apt_install "Wine, 32- and 64-bit" wine wine64 libwine:amd64 wine32:i386 libwine:i386
+  apt_opts=()
   rm -rf "$src_dir"
 fi
 
@@ -90,10 +110,10 @@ Suites: bookworm-backports
 Components: main
 Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
 SRC
-    opts=(-o Dir::Etc::SourceList=/dev/null -o "Dir::Etc::SourceParts=$tmp" -o "Dir::State::Lists=$tmp/lists")
-    as_root apt-get "${opts[@]}" update -qq >/dev/null 2>&1 || true
-    echo "setup: installing qemu-user (bookworm-backports) to run 32-bit Wine" >&2
-    as_root apt-get "${opts[@]}" install -y -qq --no-install-recommends qemu-user >/dev/null
+    apt_opts=(-o Dir::Etc::SourceList=/dev/null -o "Dir::Etc::SourceParts=$tmp" -o "Dir::State::Lists=$tmp/lists")
+    as_root apt-get "${apt_opts[@]}" update -qq >/dev/null 2>&1 || true
+    apt_install "bookworm-backports' QEMU, to run 32-bit Wine" qemu-user
+    apt_opts=()
     rm -rf "$tmp"
   fi
   binfmt=/proc/sys/fs/binfmt_misc
@@ -101,6 +121,7 @@ SRC
   if [ ! -e "$binfmt/qemu-i386" ]; then
     magic='\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x03\x00'
     mask='\xff\xff\xff\xff\xff\xfe\xfe\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff'
+    echo "setup: registering QEMU for 32-bit programs" >&2
     echo ":qemu-i386:M::$magic:$mask:$qemu:F" | as_root tee "$binfmt/register" >/dev/null
   fi
   /usr/lib/wine/wine --version >/dev/null 2>&1 || { echo "setup: 32-bit Wine still cannot start" >&2; exit 1; }
@@ -110,8 +131,7 @@ fi
 # and the tools that read the DLL's exports (llvm-14), libc++'s headers, and libwine-dev for Wine's MSVC-mode headers and x86_64 import
 # libraries, at the version of the installed Wine. The i386 import libraries come from
 # libwine-dev:i386, which cross/msvc/make-sysroot.sh downloads and unpacks into the build tree
-# itself: installing it may make apt remove the compilers. apt is asked first what it would do,
-# and nothing is installed if that removes anything.
+# itself: installing it may make apt remove the compilers.
 msvc=()
 have clang-cl-14 || msvc+=(clang-tools-14)
 have lld-link-14 || msvc+=(lld-14)
@@ -124,19 +144,12 @@ if ! installed libwine-dev; then
 fi
 if [ "${#msvc[@]}" -gt 0 ]; then
   apt_update
-  plan=$(as_root apt-get -s install --no-install-recommends "${msvc[@]}" 2>&1) ||
-    { echo "$plan" >&2; exit 1; }
-  if grep -q '^Remv ' <<<"$plan"; then
-    echo "setup: installing ${msvc[*]} would remove packages, so nothing was installed:" >&2
-    grep '^Remv ' <<<"$plan" >&2
-    exit 1
-  fi
-  echo "setup: installing ${msvc[*]}" >&2
-  as_root apt-get install -y -qq --no-install-recommends "${msvc[@]}" >/dev/null
+  apt_install "the builds in Microsoft's ABI" "${msvc[@]}"
 fi
 
 # Google Benchmark ships only as a Linux build; its source package builds under MinGW.
 if [ "$want_bench" = 1 ] && [ ! -f "$third_party/benchmark/CMakeLists.txt" ]; then
+  echo "setup: fetching Google Benchmark's source package into $third_party/benchmark" >&2
   mkdir -p "$third_party"
   tmp=$(mktemp -d)
   cat >"$tmp/src.sources" <<'SRC'

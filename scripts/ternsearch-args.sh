@@ -6,7 +6,9 @@
 #   scripts/ternsearch-args.sh ARGUMENTS... | xargs -0 ...
 set -euo pipefail
 
-prefix="${WINEPREFIX:-$(cd "$(dirname "$0")/.." && pwd)/build/wineprefix}"
+# shellcheck source=scripts/wine-prefix.sh
+source "$(dirname "$0")/wine-prefix.sh"
+prefix=$WINEPREFIX
 # The Z: drive of a prefix is the Linux root unless someone changed it; then Wine's own
 # translation (a program start of its own) is asked.
 to_windows() {

@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Runs a Windows program under Wine in the project's own headless prefix. The prefix lives in
-# $WINEPREFIX when set, else in build/wineprefix of this checkout.
+# Runs a Windows program under Wine in the project's own headless prefix (scripts/wine-prefix.sh).
 #
 # Wine's heap checks are on unless TERN_HEAP_CHECK=0 (the benchmarks turn them off): every heap
 # call validates the block it is handed, and a free of a pointer that no allocation returned, or of
@@ -11,7 +10,8 @@
 # Every Windows program of the tests starts through here, and whatever it starts in turn inherits
 # the checks.
 set -euo pipefail
-export WINEPREFIX="${WINEPREFIX:-$(cd "$(dirname "$0")/.." && pwd)/build/wineprefix}"
+# shellcheck source=scripts/wine-prefix.sh
+source "$(dirname "$0")/wine-prefix.sh"
 heap_check=1
 [ "${TERN_HEAP_CHECK:-1}" != 0 ] || heap_check=0
 if [ $heap_check = 1 ]; then

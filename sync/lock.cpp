@@ -1,7 +1,7 @@
 #include "sync/lock.h"
 
-#include "foundation/counted_block.h"
-#include "sync/lock_internal.h"
+#include "foundation/internal/counted_block.h"
+#include "sync/internal/lock_share.h"
 
 namespace KVT {
 namespace {

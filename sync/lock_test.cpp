@@ -19,7 +19,7 @@ namespace {
 using KVT::CBitMask;
 using KVT::CLock;
 using KVT::CTWSync;
-using KVT::ScopedHandle;
+using KVT::internal::ScopedHandle;
 using tern_test::kGrace;
 using tern_test::kPatience;
 using tern_test::OnOtherThread;
@@ -42,8 +42,8 @@ TEST(CLock, SecondThreadWaitsUntilOwnerHasUnlockedAsOftenAsItLocked) {
   EXPECT_EQ(lock.count, 2);
   EXPECT_EQ(lock.owner, ::GetCurrentThreadId());
 
-  KVT::ScopedHandle entered(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  KVT::ScopedHandle leave(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  KVT::internal::ScopedHandle entered(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  KVT::internal::ScopedHandle leave(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   DWORD second_id = 0;
   TestThread second([&] {
     lock.Lock();

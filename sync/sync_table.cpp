@@ -1,6 +1,6 @@
 #include "sync/sync_table.h"
 
-#include "foundation/scoped_handle.h"
+#include "foundation/internal/scoped_handle.h"
 #include "foundation/win.h"
 
 namespace KVT {
@@ -51,7 +51,7 @@ unsigned int CTWSync::GetID(void* handle) const {
 
 void* CTWSync::CreateEventW(unsigned int, unsigned int id, const wchar_t* name, bool manualReset) {
   if (id >= kIdCount || handles[id] != nullptr) return nullptr;
-  ScopedHandle event(::CreateEventW(nullptr, manualReset, FALSE, name));
+  internal::ScopedHandle event(::CreateEventW(nullptr, manualReset, FALSE, name));
   if (!event.IsValid()) return nullptr;
   // Another thread may have taken the id meanwhile; its entry stays, and the caller gets the
   // new handle unentered.
@@ -61,7 +61,7 @@ void* CTWSync::CreateEventW(unsigned int, unsigned int id, const wchar_t* name, 
 
 void* CTWSync::CreateMutexW(unsigned int, unsigned int id, const wchar_t* name) {
   if (id >= kIdCount || handles[id] != nullptr) return nullptr;
-  ScopedHandle mutex(::CreateMutexW(nullptr, FALSE, name));
+  internal::ScopedHandle mutex(::CreateMutexW(nullptr, FALSE, name));
   if (!mutex.IsValid()) return nullptr;
   InsertHandle(mutex.Get(), id, SyncMutex);  // As for events.
   return mutex.Take();

@@ -7,7 +7,7 @@
 #include <functional>
 #include <memory>
 
-#include "foundation/scoped_handle.h"
+#include "foundation/internal/scoped_handle.h"
 
 namespace tern_test {
 
@@ -37,7 +37,7 @@ class TestThread {
     return 0;
   }
   std::unique_ptr<std::function<void()>> body_;
-  KVT::ScopedHandle handle_;
+  KVT::internal::ScopedHandle handle_;
 };
 
 // Runs `body` on a thread of its own and waits for it; false if it did not end in time.

@@ -6,10 +6,10 @@
 #include <new>
 #include <vector>
 
-#include "foundation/counted_block.h"
+#include "foundation/internal/counted_block.h"
 #include "foundation/string_util.h"
 #include "foundation/temp_string.h"
-#include "xml/xml_dom.h"
+#include "xml/internal/xml_dom.h"
 
 namespace KVT {
 namespace {
@@ -22,7 +22,7 @@ static_assert(alignof(CXMLTag) <= internal::ObjectMemory::kAlignment,
 
 // A root tag with one holder. Out of memory raises std::bad_alloc, as new does; what the tag's
 // constructor raises passes through, and the block goes back first.
-CXMLTag* NewRoot(const xml_dom::NodePtr& node, const wchar_t* name) {
+CXMLTag* NewRoot(const internal::NodePtr& node, const wchar_t* name) {
   void* block = RootBlock::Allocate(sizeof(CXMLTag));
   if (block == nullptr) throw std::bad_alloc();
   try {
@@ -56,17 +56,17 @@ std::vector<const wchar_t*> PathNames(const wchar_t* first, va_list rest) {
 }  // namespace
 
 CXml::CXml() : version6(false), root(nullptr) {
-  if (xml_dom::CreateXmlDocument(xml_dom::kProgId40, document) == S_OK) return;
+  if (internal::CreateXmlDocument(internal::kProgId40, document) == S_OK) return;
   version6 = true;
-  xml_dom::CreateXmlDocument(xml_dom::kProgId60, document);
+  internal::CreateXmlDocument(internal::kProgId60, document);
 }
 
 CXml::CXml(const wchar_t* text) : version6(false), root(nullptr) {
-  if (xml_dom::CreateXmlDocument(xml_dom::kProgId40, document) != S_OK) {
+  if (internal::CreateXmlDocument(internal::kProgId40, document) != S_OK) {
     version6 = true;
-    if (xml_dom::CreateXmlDocument(xml_dom::kProgId60, document) == S_OK) {
-      xml_dom::SetProperty(document, L"ProhibitDTD", false);
-      xml_dom::SetProperty(document, L"ResolveExternals", true);
+    if (internal::CreateXmlDocument(internal::kProgId60, document) == S_OK) {
+      internal::SetProperty(document, L"ProhibitDTD", false);
+      internal::SetProperty(document, L"ResolveExternals", true);
     }
   }
   LoadXML(text);
@@ -97,10 +97,10 @@ CXml::~CXml() {
 bool CXml::LoadXML(const wchar_t* text) {
   if (text == nullptr) return false;
   Reset();
-  if (!xml_dom::LoadText(document, text)) return false;
-  xml_dom::NodePtr element = xml_dom::DocumentElement(document);
+  if (!internal::LoadText(document, text)) return false;
+  internal::NodePtr element = internal::DocumentElement(document);
   if (element == nullptr) return false;
-  const _bstr_t name = xml_dom::NodeName(element);
+  const _bstr_t name = internal::NodeName(element);
   root = NewRoot(element, name);
   return true;
 }
@@ -116,7 +116,7 @@ CXMLTag* CXml::GetRoot() { return root; }
 const wchar_t* CXml::GetXMLTextValue(CInterfacePtr<IXMLDOMNode> node) {
   if (node == nullptr) RaiseComError(E_POINTER);
   _variant_t value;
-  xml_dom::TypedValue(node, value);
+  internal::TypedValue(node, value);
   if (V_VT(&value) != VT_BSTR) return nullptr;
   // Where the text lives: the variant is cleared on return, and the caller frees nothing, so the
   // text is copied into a slot of the wide temporary-string ring, which every thread may use and

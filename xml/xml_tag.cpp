@@ -4,7 +4,7 @@
 
 #include "foundation/string_util.h"
 #include "xml/xml.h"
-#include "xml/xml_dom.h"
+#include "xml/internal/xml_dom.h"
 
 namespace KVT {
 namespace {
@@ -124,7 +124,7 @@ void AdoptChild(XArray<CXMLTag*>& tags, CXMLTag* child) {
 }
 
 // Builds the tag for `child` of `parent`, held by `parent`.
-CXMLTag* NewChild(CXMLTag* parent, const xml_dom::NodePtr& child, const wchar_t* name) {
+CXMLTag* NewChild(CXMLTag* parent, const internal::NodePtr& child, const wchar_t* name) {
   CXMLTag* tag = new CXMLTag(parent, child, name);
   AdoptChild(parent->tags, tag);
   return tag;
@@ -186,16 +186,16 @@ CXMLTag* CXMLTag::FindTag(const wchar_t* name) {
 
 CXMLAttribute* CXMLTag::GetAttribute(const wchar_t* name) {
   if (CXMLAttribute* cached = FindAttribute(name)) return cached;
-  xml_dom::NodePtr item = xml_dom::NamedAttribute(domNode, name);
+  internal::NodePtr item = internal::NamedAttribute(domNode, name);
   if (item == nullptr) return nullptr;
   return new CXMLAttribute(this, std::move(item), name);
 }
 
 CXMLTag* CXMLTag::GetTag(const wchar_t* name) {
   if (CXMLTag* found = FindTag(name)) return found;
-  for (xml_dom::NodePtr child = xml_dom::FirstChild(domNode); child != nullptr;
-       child = xml_dom::NextSibling(child)) {
-    const _bstr_t childName = xml_dom::NodeName(child);
+  for (internal::NodePtr child = internal::FirstChild(domNode); child != nullptr;
+       child = internal::NextSibling(child)) {
+    const _bstr_t childName = internal::NodeName(child);
     if (StrEqual(static_cast<const wchar_t*>(childName), name, false)) {
       return NewChild(this, child, name);
     }
@@ -206,9 +206,9 @@ CXMLTag* CXMLTag::GetTag(const wchar_t* name) {
 CXMLTag* CXMLTag::FirstTag() {
   cursor.Reset();
   if (domNode == nullptr) return nullptr;
-  xml_dom::NodePtr child = xml_dom::FirstChild(domNode);
+  internal::NodePtr child = internal::FirstChild(domNode);
   if (child == nullptr) return nullptr;
-  const _bstr_t childName = xml_dom::NodeName(child);
+  const _bstr_t childName = internal::NodeName(child);
   CXMLTag* tag = FindTag(childName);
   if (tag == nullptr) tag = NewChild(this, child, childName);
   cursor = std::move(child);
@@ -218,10 +218,10 @@ CXMLTag* CXMLTag::FirstTag() {
 CXMLTag* CXMLTag::NextTag() {
   if (cursor == nullptr) return nullptr;
   // `cursor` keeps its value if the DOM fails here.
-  xml_dom::NodePtr next = xml_dom::NextSibling(cursor);
+  internal::NodePtr next = internal::NextSibling(cursor);
   cursor = std::move(next);
   if (cursor == nullptr) return nullptr;
-  const _bstr_t childName = xml_dom::NodeName(cursor);
+  const _bstr_t childName = internal::NodeName(cursor);
   if (CXMLTag* found = FindTag(childName)) return found;
   return NewChild(this, cursor, childName);
 }

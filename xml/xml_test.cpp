@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "xml/com_ptr.h"
-#include "xml/xml_dom.h"
+#include "xml/internal/xml_dom.h"
 #include "xml/xml_tag.h"
 #include "xml/xml_token.h"
 
@@ -24,7 +24,7 @@ using KVT::CXml;
 using KVT::CXMLAttribute;
 using KVT::CXMLTag;
 using KVT::CXMLToken;
-namespace dom = KVT::xml_dom;
+namespace dom = KVT::internal;
 
 // A configuration file as applications write them: a DTD with an entity, comments, a processing
 // instruction, CDATA, names in mixed case, several children of one name, text between elements,

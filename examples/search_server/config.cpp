@@ -7,23 +7,23 @@
 //   </SearchServer>
 #include <cstdio>
 
+#include "examples/common/owners.h"
 #include "examples/search_server/search_server.h"
-#include "foundation/scoped_handle.h"
 
 namespace search_server {
 namespace {
 
 bool ReadFileBytes(const std::wstring& file, std::string* bytes) {
-  KVT::ScopedHandle handle(::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+  tern_example::Handle handle(::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                          OPEN_EXISTING, 0, nullptr));
   LARGE_INTEGER size;
-  if (!handle.IsValid() || !::GetFileSizeEx(handle.Get(), &size) || size.QuadPart > (1 << 20)) {
+  if (!tern_example::IsOpen(handle) || !::GetFileSizeEx(handle.get(), &size) || size.QuadPart > (1 << 20)) {
     return false;
   }
   bytes->resize(static_cast<std::size_t>(size.QuadPart));
   DWORD read = 0;
   return bytes->empty() ||
-         (::ReadFile(handle.Get(), &(*bytes)[0], static_cast<DWORD>(bytes->size()), &read,
+         (::ReadFile(handle.get(), &(*bytes)[0], static_cast<DWORD>(bytes->size()), &read,
                      nullptr) &&
           read == bytes->size());
 }
@@ -91,8 +91,8 @@ bool ReadFolders(KVT::CXMLTag* root, Config* config, std::string* error) {
     folder.root.assign(full, length);
     // "C:\" keeps its separator; any other root loses a trailing one.
     if (folder.root.size() > 3 && folder.root.back() == L'\\') folder.root.pop_back();
-    const KVT::ScopedHandle handle(OpenToAsk(folder.root));
-    if (!handle.IsValid() || !FinalPath(handle.Get(), &folder.final_root)) {
+    const tern_example::Handle handle(OpenToAsk(folder.root));
+    if (!tern_example::IsOpen(handle) || !FinalPath(handle.get(), &folder.final_root)) {
       *error = "the folder \"" + folder.name + "\" can't be opened: " + WideToUtf8(path);
       return false;
     }

@@ -4,8 +4,8 @@
 #include <cwctype>
 
 #include "examples/common/length_frame.h"
+#include "examples/common/owners.h"
 #include "examples/search_server/search_server.h"
-#include "foundation/scoped_handle.h"
 
 namespace search_server {
 namespace {
@@ -228,18 +228,18 @@ bool Searcher::IsInside(HANDLE handle, const std::wstring& final_root) {
 
 Searcher::Outcome Searcher::SearchFile(const std::wstring& file, long long size,
                                        const std::string& path, Walk& walk) {
-  KVT::ScopedHandle handle(::CreateFileW(file.c_str(), GENERIC_READ,
+  tern_example::Handle handle(::CreateFileW(file.c_str(), GENERIC_READ,
                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                          nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN,
                                          nullptr));
-  if (!handle.IsValid()) return Outcome::kUnreadable;
-  if (!IsInside(handle.Get(), walk.final_root)) return Outcome::kOutside;
+  if (!tern_example::IsOpen(handle)) return Outcome::kUnreadable;
+  if (!IsInside(handle.get(), walk.final_root)) return Outcome::kOutside;
   // The size comes from the directory entry, which saves a call per file; the search reads what
   // the file holds when it is opened, and the buffer never reads past what it was given.
   if (size > kMaxFileBytes) return Outcome::kUnreadable;
   // Only `found` tells this file's results: a search that finds nothing because the file is
   // shorter than the term leaves the table of the previous file in place.
-  const unsigned long found = buffer_.Search(handle.Get(), walk.flags, query_, nullptr, nullptr);
+  const unsigned long found = buffer_.Search(handle.get(), walk.flags, query_, nullptr, nullptr);
   int previous = 0;
   for (unsigned long i = 0; i < found && !walk.gone; ++i) {
     int line = 0;
@@ -266,9 +266,9 @@ Searcher::Outcome Searcher::SearchFolder(const std::wstring& folder, const std::
   {
     // A folder outside is not walked at all. Should it be swapped for another after this check,
     // every file and folder below is still checked as it is opened.
-    const KVT::ScopedHandle handle(OpenToAsk(folder));
-    if (!handle.IsValid()) return Outcome::kSearched;  // Unreadable: nothing to show.
-    if (!IsInside(handle.Get(), walk.final_root)) return Outcome::kOutside;
+    const tern_example::Handle handle(OpenToAsk(folder));
+    if (!tern_example::IsOpen(handle)) return Outcome::kSearched;  // Unreadable: nothing to show.
+    if (!IsInside(handle.get(), walk.final_root)) return Outcome::kOutside;
   }
   struct Entry {
     std::wstring name;

@@ -12,8 +12,8 @@
 #include <memory>
 
 #include "examples/common/length_frame.h"
+#include "examples/common/owners.h"
 #include "examples/search_server/search_server.h"
-#include "foundation/scoped_handle.h"
 
 namespace search_server {
 namespace {
@@ -50,8 +50,8 @@ class Dispatcher {
       return false;
     }
     for (int i = 0; i < config_.workers; ++i) {
-      KVT::ScopedHandle thread(::CreateThread(nullptr, 0, WorkerMain, this, 0, nullptr));
-      if (!thread.IsValid()) return false;
+      tern_example::Handle thread(::CreateThread(nullptr, 0, WorkerMain, this, 0, nullptr));
+      if (!tern_example::IsOpen(thread)) return false;
       threads_.push_back(std::move(thread));
     }
     return true;
@@ -76,7 +76,7 @@ class Dispatcher {
   // file once the stop is asked for.
   void StopWorkers() {
     RequestStop();
-    for (KVT::ScopedHandle& thread : threads_) ::WaitForSingleObject(thread.Get(), INFINITE);
+    for (tern_example::Handle& thread : threads_) ::WaitForSingleObject(thread.get(), INFINITE);
     threads_.clear();
     lock_.Lock();
     queue_.clear();
@@ -115,7 +115,7 @@ class Dispatcher {
   KVT::CLock lock_;
   std::deque<std::shared_ptr<Session>> queue_;
   std::atomic<bool> stopping_{false};
-  std::vector<KVT::ScopedHandle> threads_;
+  std::vector<tern_example::Handle> threads_;
 };
 
 class Session : public KVT::CLengthMsgReceiver, public std::enable_shared_from_this<Session> {

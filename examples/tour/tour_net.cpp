@@ -9,8 +9,7 @@
 #include <string>
 
 #include "TernCoreLib.h"
-#include "foundation/scoped_handle.h"
-#include "net/scoped_socket.h"
+#include "examples/common/owners.h"
 
 namespace {
 
@@ -33,7 +32,7 @@ class Messages : public KVT::CLengthMsgReceiver {
     return more;
   }
 
-  bool WaitForMessage() { return ::WaitForSingleObject(arrived_.Get(), kPatienceMs) == 0; }
+  bool WaitForMessage() { return ::WaitForSingleObject(arrived_.get(), kPatienceMs) == 0; }
   std::string text;  // The message, once arrived.
 
  protected:
@@ -42,12 +41,12 @@ class Messages : public KVT::CLengthMsgReceiver {
     text.assign(message, static_cast<size_t>(length));
     std::printf("  6. OnMessage: \"%s\", popped from the queue on the receive thread (the\n"
                 "     message object waits for reuse)\n", text.c_str());
-    ::SetEvent(arrived_.Get());
+    ::SetEvent(arrived_.get());
     return true;
   }
 
  private:
-  KVT::ScopedHandle arrived_;
+  tern_example::Handle arrived_;
 };
 
 // The server side: the listener, and the receiver of the one connection.
@@ -69,7 +68,7 @@ class Server : public KVT::ISOListener {
   bool OnListening(wchar_t const*, wchar_t const* ipAddress, unsigned short port) override {
     std::printf("  2. OnListening: bound and listening on %ls, on the port asked for: %s\n",
                 ipAddress, port == port_ ? "yes" : "no");
-    ::SetEvent(listening_.Get());
+    ::SetEvent(listening_.get());
     return true;
   }
   bool OnAccept(KVT::CServerSocket*, unsigned int accepted) override {
@@ -82,13 +81,13 @@ class Server : public KVT::ISOListener {
   }
   bool OnError(KVT::CServerSocket*, int error) override {
     std::printf("  OnError: %ls\n", KVT::CSocketUtil::PrintSocketError(error));
-    ::SetEvent(listening_.Get());
+    ::SetEvent(listening_.get());
     return true;
   }
 
   void Stop() { stop_ = true; }
   bool WaitForListening() {
-    return ::WaitForSingleObject(listening_.Get(), kPatienceMs) == 0;
+    return ::WaitForSingleObject(listening_.get(), kPatienceMs) == 0;
   }
   KVT::CClientSocket* connection() { return connection_.get(); }
 
@@ -97,7 +96,7 @@ class Server : public KVT::ISOListener {
  private:
   unsigned short port_;
   volatile bool stop_ = false;
-  KVT::ScopedHandle listening_;
+  tern_example::Handle listening_;
   std::unique_ptr<KVT::CClientSocket> connection_;
 };
 
@@ -109,13 +108,13 @@ std::string FrameOf(const std::string& text) {
 
 // A loopback port that was free a moment ago.
 unsigned short FreePort() {
-  KVT::ScopedSocket probe(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  tern_example::Socket probe(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
   int length = sizeof(address);
-  if (::bind(probe.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-      ::getsockname(probe.Get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+  if (::bind(probe.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+      ::getsockname(probe.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     return 0;
   }
   return ::ntohs(address.sin_port);
@@ -136,17 +135,17 @@ bool RunRoad() {
   bool ok = server.Listen(0) == 1 && side.WaitForListening();
 
   // The client: plain Windows Sockets, as the library has no connect of its own.
-  KVT::ScopedSocket client(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  tern_example::Socket client(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_port = ::htons(port);
   address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
-  ok = ok && ::connect(client.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+  ok = ok && ::connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
   const std::string frame = FrameOf("Hello, TernCoreLib");
   // In two pieces, so that the header arrives in two chunks (the pause lets them part).
-  ok = ok && ::send(client.Get(), frame.data(), 2, 0) == 2;
+  ok = ok && ::send(client.get(), frame.data(), 2, 0) == 2;
   ::Sleep(50);
-  ok = ok && ::send(client.Get(), frame.data() + 2, static_cast<int>(frame.size() - 2), 0) ==
+  ok = ok && ::send(client.get(), frame.data() + 2, static_cast<int>(frame.size() - 2), 0) ==
                  static_cast<int>(frame.size() - 2);
   ok = ok && side.messages.WaitForMessage() && side.messages.text == "Hello, TernCoreLib";
 
@@ -157,11 +156,11 @@ bool RunRoad() {
   std::printf("  7. Send: the answer goes out on the caller's thread\n");
   char got[64] = {};
   DWORD timeout = kPatienceMs;
-  ::setsockopt(client.Get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char*>(&timeout),
+  ::setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char*>(&timeout),
                sizeof(timeout));
   int received = 0;
   while (received < static_cast<int>(answer.size())) {
-    const int more = ::recv(client.Get(), got + received, sizeof(got) - received, 0);
+    const int more = ::recv(client.get(), got + received, sizeof(got) - received, 0);
     if (more <= 0) break;
     received += more;
   }

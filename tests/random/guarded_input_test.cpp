@@ -132,7 +132,7 @@ void SearchAndCutGuardedText(std::uint32_t seed, Rounds& rounds) {
           ASSERT_EQ(expected[i], (*buffer.results)[i]) << "n " << n << " m " << m << " flags " << flags;
         }
         // The scan with each kernel set, in stretches of random length.
-        KVT::search_internal::ScanTuning tuning;
+        KVT::internal::ScanTuning tuning;
         tuning.chars_per_set_up_call = rng() % 2 ? 0 : 32;
         tuning.stretch = rng() % 4 ? 1 + rng() % 100 : 0;
         for (const search_test::KernelSet* set : sets) {

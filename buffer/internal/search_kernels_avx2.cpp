@@ -1,0 +1,64 @@
+// The search kernels for AVX2 (search_vector_kernels.h over 32-byte vectors), compiled with the
+// AVX2 flags (buffer/CMakeLists.txt) and used only where the processor and the system support
+// AVX2. Everything here but the entry point is file-local: a copy of a shared inline function
+// compiled for AVX2 could be the one the linker keeps for every caller.
+#include <immintrin.h>
+
+#include <cstdint>
+
+#include "buffer/internal/search_kernels.h"
+#include "buffer/internal/search_vector_kernels.h"
+
+namespace KVT {
+namespace internal {
+namespace {
+
+struct Vec {
+  using V = __m256i;
+  using Cmp = __m256i;
+  using Mask = std::uint64_t;
+  static constexpr std::uint32_t kBytes = 32;
+  static constexpr unsigned LaneBits(char) { return 1; }
+  static constexpr unsigned LaneBits(wchar_t) { return 2; }
+  static V Load(const void* p) { return _mm256_loadu_si256(static_cast<const __m256i*>(p)); }
+  static void Prefetch(const void* p) { _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0); }
+  static V Zero() { return _mm256_setzero_si256(); }
+  static V Splat(char ch) { return _mm256_set1_epi8(ch); }
+  static V Splat(wchar_t ch) { return _mm256_set1_epi16(static_cast<short>(ch)); }
+  static Cmp Equal(V a, V b, char) { return _mm256_cmpeq_epi8(a, b); }
+  static Cmp Equal(V a, V b, wchar_t) { return _mm256_cmpeq_epi16(a, b); }
+  static Cmp Both(Cmp a, Cmp b) { return _mm256_and_si256(a, b); }
+  static Cmp Either(Cmp a, Cmp b) { return _mm256_or_si256(a, b); }
+  template <typename T>
+  static std::uint32_t Bits(Cmp c, T) {
+    return static_cast<std::uint32_t>(_mm256_movemask_epi8(c));
+  }
+  static V And(V a, V b) { return _mm256_and_si256(a, b); }
+  static V Or(V a, V b) { return _mm256_or_si256(a, b); }
+  // An equal lane is all ones, -1: subtracting it adds 1.
+  static V CountEqual(V lanes, Cmp c, char) { return _mm256_sub_epi8(lanes, c); }
+  static V CountEqual(V lanes, Cmp c, wchar_t) { return _mm256_sub_epi16(lanes, c); }
+  static std::uint32_t Sum(V v, char) {
+    const __m256i sums = _mm256_sad_epu8(v, _mm256_setzero_si256());
+    const __m128i half = _mm_add_epi64(_mm256_castsi256_si128(sums),
+                                       _mm256_extracti128_si256(sums, 1));
+    return static_cast<std::uint32_t>(_mm_cvtsi128_si32(half) +
+                                      _mm_cvtsi128_si32(_mm_srli_si128(half, 8)));
+  }
+  static std::uint32_t Sum(V v, wchar_t) {
+    const __m256i pairs = _mm256_madd_epi16(v, _mm256_set1_epi16(1));
+    __m128i sums = _mm_add_epi32(_mm256_castsi256_si128(pairs), _mm256_extracti128_si256(pairs, 1));
+    sums = _mm_add_epi32(sums, _mm_srli_si128(sums, 8));
+    sums = _mm_add_epi32(sums, _mm_srli_si128(sums, 4));
+    return static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums));
+  }
+};
+
+constexpr KernelSet kSet = vector_kernels::MakeKernelSet<Vec>("avx2");
+
+}  // namespace
+
+const KernelSet& Avx2Kernels() { return kSet; }
+
+}  // namespace internal
+}  // namespace KVT
