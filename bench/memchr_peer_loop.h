@@ -32,8 +32,9 @@ std::size_t Find(const T* p, std::size_t n, T ch) {
       const typename Vec::V b = Vec::LoadAligned(p + i + kLanes);
       const typename Vec::V c = Vec::LoadAligned(p + i + 2 * kLanes);
       const typename Vec::V d = Vec::LoadAligned(p + i + 3 * kLanes);
-      const auto any = Vec::Either(Vec::Either(Vec::Equal(a, needle, T()), Vec::Equal(b, needle, T())),
-                                   Vec::Either(Vec::Equal(c, needle, T()), Vec::Equal(d, needle, T())));
+      const auto any =
+          Vec::Either(Vec::Either(Vec::Equal(a, needle, T()), Vec::Equal(b, needle, T())),
+                      Vec::Either(Vec::Equal(c, needle, T()), Vec::Equal(d, needle, T())));
       if (Vec::Bits(any, T()) != 0) break;
     }
     for (; i + kLanes <= n; i += kLanes) {

@@ -213,7 +213,8 @@ void BM_PlainRecvLoop(benchmark::State& state) {
   }
   Tally tally;
   PlainLoop loop{accepted.Get(), &tally};
-  KVT::internal::ScopedHandle thread(::CreateThread(nullptr, 0, PlainReceiveLoop, &loop, 0, nullptr));
+  KVT::internal::ScopedHandle thread(
+      ::CreateThread(nullptr, 0, PlainReceiveLoop, &loop, 0, nullptr));
   std::vector<char> piece(kSendPiece, 'r');
   for (auto _ : state) {
     if (!SendPass(sender.Get(), piece, tally)) {

@@ -44,8 +44,10 @@ const char* const kWords[] = {
 const char* const kPhrases[] = {"in the middle of the night", "as a matter of fact, the results"};
 
 // Rare terms, planted a few dozen times.
-const char* const kRare[] = {"Zyx", "Zanzibar", "quizzical zephyr", "sphinx of black quartz, judge my"};
-const char* const kCommon[] = {"the", " of the ", "in the middle of", "as a matter of fact, the results"};
+const char* const kRare[] = {"Zyx", "Zanzibar", "quizzical zephyr",
+                             "sphinx of black quartz, judge my"};
+const char* const kCommon[] = {"the", " of the ", "in the middle of",
+                               "as a matter of fact, the results"};
 
 inline const std::string& NarrowText() {
   static const std::string text = [] {

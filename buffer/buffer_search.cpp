@@ -154,20 +154,20 @@ bool CBuffer<T>::IsPrintable(const wchar_t* ch) {
 }
 
 // The members defined here, for both widths (buffer.cpp instantiates the rest).
-#define TERN_BUFFER_SEARCH(T)                                                                  \
-  template TERN_TEMPLATE_EXPORT unsigned long CBuffer<T>::Search(const T*, int, unsigned long, CSearchQuery<T>&,    \
-                                            bool (*)(void*), void*, T);                        \
-  template TERN_TEMPLATE_EXPORT unsigned long CBuffer<T>::Search(void*, unsigned long, CSearchQuery<T>&,           \
-                                            bool (*)(void*), void*);                           \
-  template TERN_TEMPLATE_EXPORT unsigned long CBuffer<T>::Search(unsigned long, CSearchQuery<T>&);                  \
-  template TERN_TEMPLATE_EXPORT int CBuffer<T>::GetResultCount();                                                   \
-  template TERN_TEMPLATE_EXPORT T* CBuffer<T>::GetResult(int, int&);                                                \
-  template TERN_TEMPLATE_EXPORT int CBuffer<T>::GetResultLength(int);                                               \
-  template TERN_TEMPLATE_EXPORT int CBuffer<T>::CharEqual(const char*, const char*, bool);                          \
-  template TERN_TEMPLATE_EXPORT int CBuffer<T>::CharEqual(const wchar_t*, const wchar_t*, bool);                    \
-  template TERN_TEMPLATE_EXPORT int CBuffer<T>::IsWordDelimeter(char);                                              \
-  template TERN_TEMPLATE_EXPORT int CBuffer<T>::IsWordDelimeter(wchar_t);                                           \
-  template TERN_TEMPLATE_EXPORT bool CBuffer<T>::IsPrintable(const char*);                                          \
+#define TERN_BUFFER_SEARCH(T)                                                                      \
+  template TERN_TEMPLATE_EXPORT unsigned long CBuffer<T>::Search(                                  \
+      const T*, int, unsigned long, CSearchQuery<T>&, bool (*)(void*), void*, T);                  \
+  template TERN_TEMPLATE_EXPORT unsigned long CBuffer<T>::Search(                                  \
+      void*, unsigned long, CSearchQuery<T>&, bool (*)(void*), void*);                             \
+  template TERN_TEMPLATE_EXPORT unsigned long CBuffer<T>::Search(unsigned long, CSearchQuery<T>&); \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::GetResultCount();                                  \
+  template TERN_TEMPLATE_EXPORT T* CBuffer<T>::GetResult(int, int&);                               \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::GetResultLength(int);                              \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::CharEqual(const char*, const char*, bool);         \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::CharEqual(const wchar_t*, const wchar_t*, bool);   \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::IsWordDelimeter(char);                             \
+  template TERN_TEMPLATE_EXPORT int CBuffer<T>::IsWordDelimeter(wchar_t);                          \
+  template TERN_TEMPLATE_EXPORT bool CBuffer<T>::IsPrintable(const char*);                         \
   template TERN_TEMPLATE_EXPORT bool CBuffer<T>::IsPrintable(const wchar_t*);
 TERN_BUFFER_SEARCH(char)
 TERN_BUFFER_SEARCH(wchar_t)

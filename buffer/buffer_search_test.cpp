@@ -565,7 +565,8 @@ void CompareWithReference(const KernelSet& set, std::uint32_t seed, int texts) {
     }
     const std::basic_string<T> term = search_test::RandomTerm(rng, text);
     std::basic_string<T> memory;
-    for (std::size_t i = rng() % 516; i > 0; --i) memory += rng() % 4 ? alphabet[rng() % 4] : T('\n');
+    for (std::size_t i = rng() % 516; i > 0; --i)
+      memory += rng() % 4 ? alphabet[rng() % 4] : T('\n');
     const std::size_t pad = memory.size();
     memory += text + (rng() % 2 ? term : std::basic_string<T>());
     for (std::size_t i = rng() % 516; i > 0; --i) memory += alphabet[rng() % alphabet.size()];

@@ -32,7 +32,8 @@ struct Vec {
   }
   static V Load(const void* p) {
     const char* bytes = static_cast<const char*>(p);
-    return Each([&](int i) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes) + i); });
+    return Each(
+        [&](int i) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes) + i); });
   }
   static void Prefetch(const void* p) { _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0); }
   static V Zero() { return Each([](int) { return _mm_setzero_si128(); }); }
@@ -43,7 +44,8 @@ struct Vec {
   static Cmp Equal(V a, V b, char) {
     Cmp c = 0;
     for (int i = 0; i < 4; ++i) {
-      const auto bits = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a.part[i], b.part[i])));
+      const auto bits =
+          static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a.part[i], b.part[i])));
       c |= static_cast<Cmp>(bits) << (16 * i);
     }
     return c;
@@ -62,13 +64,16 @@ struct Vec {
   static Cmp Either(Cmp a, Cmp b) { return a | b; }
   template <typename T>
   static Mask Bits(Cmp c, T) { return c; }
-  static V And(V a, V b) { return Each([&](int i) { return _mm_and_si128(a.part[i], b.part[i]); }); }
+  static V And(V a, V b) {
+    return Each([&](int i) { return _mm_and_si128(a.part[i], b.part[i]); });
+  }
   static V Or(V a, V b) { return Each([&](int i) { return _mm_or_si128(a.part[i], b.part[i]); }); }
   // A masked add, lane by lane through memory: slow, and only for the tests.
   template <typename Lane>
   static V AddWhere(V lanes, Cmp c) {
     alignas(16) Lane values[64 / sizeof(Lane)];
-    for (int i = 0; i < 4; ++i) _mm_store_si128(reinterpret_cast<__m128i*>(values) + i, lanes.part[i]);
+    for (int i = 0; i < 4; ++i)
+      _mm_store_si128(reinterpret_cast<__m128i*>(values) + i, lanes.part[i]);
     for (unsigned i = 0; i < 64 / sizeof(Lane); ++i) values[i] += (c >> i) & 1;
     return Load(values);
   }

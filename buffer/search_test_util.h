@@ -146,7 +146,8 @@ Results NaiveSearch(const std::basic_string<T>& text, const std::basic_string<T>
   std::uint64_t line = Result(1, 0);
   while (pos + m <= text.size()) {
     bool match = true;
-    for (std::size_t k = 0; k < m && match; ++k) match = SameChar(text[pos + k], term[k], flags & 1);
+    for (std::size_t k = 0; k < m && match; ++k)
+      match = SameChar(text[pos + k], term[k], flags & 1);
     if (!match) {
       ++pos;
       continue;

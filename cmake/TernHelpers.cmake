@@ -121,9 +121,9 @@ endfunction()
 
 # Sources compiled for an instruction set beyond the build's baseline, named the same for every
 # compiler: SSE2, SSSE3, AVX2 or AVX512BW (AVX-512 Foundation and Byte/Word). They are called only
-# after a run-time check (foundation/internal/cpu_features.h). Such a file keeps its code file-local and
-# includes no header with shared inline code (foundation/internal/compiler.h's functions are static), so
-# that no copy of a shared function is built for that set.
+# after a run-time check (foundation/internal/cpu_features.h). Such a file keeps its code
+# file-local and includes no header with shared inline code (foundation/internal/compiler.h's
+# functions are static), so that no copy of a shared function is built for that set.
 #   GCC: -m flags. Vector moves are assembled as unaligned ones (same speed on aligned data): GCC
 #   cannot align the x86_64 Windows stack to 32 bytes for a spilled vector. i686 functions realign
 #   their stack where they need it, since 32-bit Windows callers guarantee only 4 bytes.
@@ -156,6 +156,9 @@ function(tern_vector_sources set)
     if(CMAKE_SIZEOF_VOID_P EQUAL 4)
       list(APPEND options -mstackrealign)
     endif()
+    # Line tables only: the kernels are templates instantiated for every shape of filter, whose
+    # full debug information costs a third of their compile time and helps no backtrace.
+    list(APPEND options $<$<CONFIG:RelWithDebInfo,Debug>:-g1>)
   endif()
   set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "${options}")
 endfunction()

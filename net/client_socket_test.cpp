@@ -212,7 +212,8 @@ TEST(CServerSocket, AcceptsAndHandsOverEachConnectionWithDontLinger) {
 
 TEST(CServerSocket, PortInUseReachesOnErrorAndLeavesNoError) {
   unsigned short port = 0;
-  KVT::internal::ScopedSocket holder = tern_test::BoundToFreePort(port, 1);  // Someone else listens.
+  KVT::internal::ScopedSocket holder =
+      tern_test::BoundToFreePort(port, 1);  // Someone else listens.
   ASSERT_TRUE(holder.IsValid());
   RecordingListener listener;
   KVT::TSOSocketInfo info = TcpInfo(L"127.0.0.1", port);

@@ -59,8 +59,8 @@ unsigned long CServerSocket::ListenProc() {
   internal::StoreSocket(socket, ToHandle(::socket(family, type, protocol)));
   address = CSocketUtil::GetHostAddress(host, family, protocol, type, port);
   if (address == nullptr ||
-      ::bind(internal::LoadSocket(socket), reinterpret_cast<sockaddr*>(address), sizeof(sockaddr_in)) ==
-          SOCKET_ERROR) {
+      ::bind(internal::LoadSocket(socket), reinterpret_cast<sockaddr*>(address),
+             sizeof(sockaddr_in)) == SOCKET_ERROR) {
     listener->OnError(this, ::WSAGetLastError());
     return 0;
   }

@@ -273,7 +273,8 @@ TEST(CTWSync, NewTableFullTableAndIdsOutOfRange) {
   EXPECT_EQ(table.handleCount, 0);
 
   for (unsigned int id = 0; id < 16; ++id) {
-    void* handle = id % 2 ? table.CreateMutexW(7, id, nullptr) : table.CreateEventW(7, id, nullptr, false);
+    void* handle =
+        id % 2 ? table.CreateMutexW(7, id, nullptr) : table.CreateEventW(7, id, nullptr, false);
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(table[id], handle);
     EXPECT_EQ(table.GetID(handle), id);
@@ -320,12 +321,14 @@ TEST(CTWSync, EachTypeAllowsItsOwnOperations) {
 
 TEST(CTWSync, WaitGivesTheLowestSignalledSelectedIdAndNeverWaitsOnAFreeOne) {
   CTWSync table;
-  for (unsigned int id = 0; id < 16; ++id) ASSERT_NE(table.CreateEventW(0, id, nullptr, true), nullptr);
+  for (unsigned int id = 0; id < 16; ++id)
+    ASSERT_NE(table.CreateEventW(0, id, nullptr, true), nullptr);
   std::mt19937 random(16);
   for (int round = 0; round < 300; ++round) {
     const unsigned long mask = random();
     const unsigned int signalled = random() & random() & 0xFFFF;  // Sparse, so timeouts occur.
-    for (unsigned int id = 0; id < 16; ++id) signalled >> id & 1 ? table.Signal(id) : table.Clear(id);
+    for (unsigned int id = 0; id < 16; ++id)
+      signalled >> id & 1 ? table.Signal(id) : table.Clear(id);
     unsigned int expected = (mask & 0xFFFF) ? kTimeout : kBad;
     for (unsigned int id = 16; id-- > 0;) {
       if (mask >> id & signalled >> id & 1) expected = id;

@@ -19,7 +19,8 @@ const int CTWSync::SyncTimeout;
 
 CTWSync::CTWSync() : handleCount(0), threadId(::GetCurrentThreadId()), handles(), types() {}
 
-CTWSync::CTWSync(CTWSync& other) : handleCount(other.handleCount), threadId(::GetCurrentThreadId()) {
+CTWSync::CTWSync(CTWSync& other)
+    : handleCount(other.handleCount), threadId(::GetCurrentThreadId()) {
   for (unsigned int id = 0; id < kIdCount; ++id) {
     handles[id] = other.handles[id];
     types[id] = other.types[id];

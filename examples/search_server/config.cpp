@@ -17,7 +17,8 @@ bool ReadFileBytes(const std::wstring& file, std::string* bytes) {
   tern_example::Handle handle(::CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                          OPEN_EXISTING, 0, nullptr));
   LARGE_INTEGER size;
-  if (!tern_example::IsOpen(handle) || !::GetFileSizeEx(handle.get(), &size) || size.QuadPart > (1 << 20)) {
+  if (!tern_example::IsOpen(handle) || !::GetFileSizeEx(handle.get(), &size) ||
+      size.QuadPart > (1 << 20)) {
     return false;
   }
   bytes->resize(static_cast<std::size_t>(size.QuadPart));
@@ -70,7 +71,8 @@ bool ReadFolders(KVT::CXMLTag* root, Config* config, std::string* error) {
     folder.name = WideToUtf8(Value(tag->GetAttribute(L"name"), L""));
     const std::wstring path = Value(tag->GetAttribute(L"path"), L"");
     if (!IsFolderName(folder.name)) {
-      *error = "a folder needs a name of letters, digits, '.', '_' and '-': \"" + folder.name + "\"";
+      *error =
+          "a folder needs a name of letters, digits, '.', '_' and '-': \"" + folder.name + "\"";
       return false;
     }
     for (const Folder& other : config->folders) {

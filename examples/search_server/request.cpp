@@ -283,7 +283,8 @@ Searcher::Outcome Searcher::SearchFolder(const std::wstring& folder, const std::
   if (!find.IsValid()) return Outcome::kSearched;  // Empty, or unreadable: nothing to show.
   do {
     const std::wstring name = data.cFileName;
-    if (name != L"." && name != L"..") entries.push_back({name, data.dwFileAttributes, FileSize(data)});
+    if (name != L"." && name != L"..")
+      entries.push_back({name, data.dwFileAttributes, FileSize(data)});
   } while (::FindNextFileW(find.Get(), &data));
   std::sort(entries.begin(), entries.end());
   for (const Entry& entry : entries) {

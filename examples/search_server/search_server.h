@@ -5,8 +5,9 @@
 // buffer search over the files of a few allowed folders. The README's section on it gives the
 // request format; the pieces are:
 //   config.cpp   the XML configuration (CXml)
-//   request.cpp  parsing a request, resolving its path safely, and searching (CBuffer, CSearchQuery)
-//   server.cpp   connections (CServerSocket, CClientSocket, CLengthMsgReceiver) and the worker
+//   request.cpp  parsing a request, resolving its path safely, and searching (CBuffer,
+//   CSearchQuery) server.cpp   connections (CServerSocket, CClientSocket, CLengthMsgReceiver) and
+//   the worker
 //                pool (CTWSync, CLock)
 
 #include <atomic>

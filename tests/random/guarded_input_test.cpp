@@ -129,7 +129,8 @@ void SearchAndCutGuardedText(std::uint32_t seed, Rounds& rounds) {
             << "n " << n << " m " << m << " flags " << flags;
         // An empty text is refused, and the former results stay.
         for (std::size_t i = 0; n > 0 && i < expected.size(); ++i) {
-          ASSERT_EQ(expected[i], (*buffer.results)[i]) << "n " << n << " m " << m << " flags " << flags;
+          ASSERT_EQ(expected[i], (*buffer.results)[i])
+              << "n " << n << " m " << m << " flags " << flags;
         }
         // The scan with each kernel set, in stretches of random length.
         KVT::internal::ScanTuning tuning;
@@ -271,7 +272,8 @@ TEST(RandomGuardedBase64, EveryFormMatchesAReferenceOnGuardedMemory) {
       const UINT code_page = kCodePages[rng() % 3];
       const std::wstring wide(cut.begin(), cut.end());
       const std::wstring expected = random_test::PlatformWide(
-          UpToZero(ReferenceDecode(random_test::PlatformNarrow(wide, code_page).substr(0, wide.size()))),
+          UpToZero(
+              ReferenceDecode(random_test::PlatformNarrow(wide, code_page).substr(0, wide.size()))),
           code_page);
       const wchar_t* result = KVT::Base64DecodeString(in.Place(wide, edge), code_page);
       ASSERT_EQ(expected, result != nullptr ? result : L"") << "code page " << code_page;
@@ -302,7 +304,8 @@ void StringFunctionsOverGuardedText(Rounds& rounds) {
   const Str<T> alphabet = {'a', 'a', 'b', '-', '+', '0', '9', '%', '4'};
   std::mt19937 rng(rounds.seed());
   for (int c = 0; c < 3000; ++c, rounds.Count(1)) {
-    const Str<T> a = RandomText(rng, alphabet, rng() % 41), b = RandomText(rng, alphabet, rng() % 3);
+    const Str<T> a = RandomText(rng, alphabet, rng() % 41),
+                 b = RandomText(rng, alphabet, rng() % 3);
     const std::size_t n = a.size(), limit = rng() % (n + 2);
     const T* ga = region_a.Place(a, rng() % 2 == 0);
     const T* gb = region_b.Place(b, rng() % 2 == 0);
@@ -313,7 +316,8 @@ void StringFunctionsOverGuardedText(Rounds& rounds) {
               Index(ga, KVT::StrSearch(ga, gb, limit)));
     ASSERT_EQ(Index(a.find(ch)), Index(ga, KVT::StrFind(ga, ch)));
     for (std::size_t at = 0; at < n; at += 1 + rng() % 8) {
-      ASSERT_EQ(b.empty() ? long(n) : Index(a.rfind(b, at)), Index(ga, KVT::StrRevFind(ga, ga + at, gb)));
+      ASSERT_EQ(b.empty() ? long(n) : Index(a.rfind(b, at)),
+                Index(ga, KVT::StrRevFind(ga, ga + at, gb)));
       ASSERT_EQ(Index(a.rfind(ch, at)), Index(ga, KVT::StrRevFind(ga, ga + at, ch)));
     }
     const T* replaced = KVT::StrReplace(ga, gb, gb);  // Each match by itself: the text again.
@@ -336,7 +340,10 @@ void StringFunctionsOverGuardedText(Rounds& rounds) {
       ASSERT_EQ(unescaped.c_str(), Text(KVT::KVTUrlUnescape(ga)));
       KVT::String s(ga);
       ASSERT_TRUE(s == ga);
-      ASSERT_EQ(n == 0 ? -1 : b.empty() ? long(n) : Index(a.find(b)), static_cast<int>(s.Find(gb, 0)));
+      ASSERT_EQ(n == 0      ? -1
+                : b.empty() ? long(n)
+                            : Index(a.find(b)),
+                static_cast<int>(s.Find(gb, 0)));
       ASSERT_EQ(n != 0 && !b.empty() && a.find(b) == 0, s.Beginswith(gb));
       ASSERT_EQ(n, s.Replace(gb, gb));
       s.Append(gb);
