@@ -2,7 +2,7 @@
 #define TERNCORELIB_EXAMPLES_COMMON_OWNERS_H_
 
 // Owners of what the examples open from Windows itself, so that every way out of a function
-// closes it: kernel handles (files, events, threads) and sockets.
+// closes it: kernel handles (files, events, threads), directory searches and sockets.
 
 #include <memory>
 
@@ -23,6 +23,16 @@ using Handle = std::unique_ptr<void, HandleCloser>;
 inline bool IsOpen(const Handle& handle) {
   return handle != nullptr && handle.get() != INVALID_HANDLE_VALUE;
 }
+
+// A directory search of FindFirstFileW or FindFirstFileExW, ended with FindClose (not
+// CloseHandle) when the owner goes. Those calls report failure with INVALID_HANDLE_VALUE only.
+struct FindCloser {
+  using pointer = HANDLE;
+  void operator()(HANDLE find) const {
+    if (find != INVALID_HANDLE_VALUE) ::FindClose(find);
+  }
+};
+using Find = std::unique_ptr<void, FindCloser>;
 
 // A socket, closed (closesocket, no shutdown) when the owner goes.
 class Socket {

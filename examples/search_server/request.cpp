@@ -13,22 +13,6 @@ namespace {
 const char kMalformed[] = "malformed request";
 const char kRefused[] = "path refused";
 
-// Sole owner of a FindFirstFileExW handle.
-class ScopedFind {
- public:
-  explicit ScopedFind(HANDLE handle) : handle_(handle) {}
-  ScopedFind(const ScopedFind&) = delete;
-  ScopedFind& operator=(const ScopedFind&) = delete;
-  ~ScopedFind() {
-    if (IsValid()) ::FindClose(handle_);
-  }
-  bool IsValid() const { return handle_ != INVALID_HANDLE_VALUE; }
-  HANDLE Get() const { return handle_; }
-
- private:
-  HANDLE handle_;
-};
-
 // Windows opens these names as devices in any folder, also with an extension ("NUL.txt").
 bool IsDeviceName(std::wstring base) {
   base = base.substr(0, base.find(L'.'));
@@ -278,14 +262,16 @@ Searcher::Outcome Searcher::SearchFolder(const std::wstring& folder, const std::
   };
   std::vector<Entry> entries;
   WIN32_FIND_DATAW data;
-  ScopedFind find(::FindFirstFileExW((folder + L"\\*").c_str(), FindExInfoBasic, &data,
-                                     FindExSearchNameMatch, nullptr, FIND_FIRST_EX_LARGE_FETCH));
-  if (!find.IsValid()) return Outcome::kSearched;  // Empty, or unreadable: nothing to show.
+  const tern_example::Find find(::FindFirstFileExW((folder + L"\\*").c_str(), FindExInfoBasic,
+                                                   &data, FindExSearchNameMatch, nullptr,
+                                                   FIND_FIRST_EX_LARGE_FETCH));
+  // Empty, or unreadable: nothing to show.
+  if (find.get() == INVALID_HANDLE_VALUE) return Outcome::kSearched;
   do {
     const std::wstring name = data.cFileName;
     if (name != L"." && name != L"..")
       entries.push_back({name, data.dwFileAttributes, FileSize(data)});
-  } while (::FindNextFileW(find.Get(), &data));
+  } while (::FindNextFileW(find.get(), &data));
   std::sort(entries.begin(), entries.end());
   for (const Entry& entry : entries) {
     if (walk.gone || walk.stopping) break;
