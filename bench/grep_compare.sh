@@ -75,6 +75,10 @@ timed() {
   echo $(( $(now) - start ))
 }
 median() { sort -n | sed -n 3p; }
+# Reads the files under $data/$1 into the page cache. This machine's kernel reclaims file pages
+# that have lain unused for a while, so without it the first tool of a round could read part of
+# its input from disk while the others find it in memory; each tool starts with it all cached.
+warm() { find "$data/$1" -type f -print0 | xargs -0 cat >/dev/null; }
 
 rare=Sleepycat
 common=Software
@@ -86,20 +90,28 @@ echo "ternsearch: $exe ($wine); load before: $(cut -d' ' -f1-3 /proc/loadavg)"
 # the medians of each. Each round starts with an untimed run, so that the floor and ternsearch
 # both start right behind another program under Wine (Wine's own helper processes end when they
 # have been idle for a moment, and the next start waits for them).
-# rounds TERN_ARGS GREP_ARGS RG_ARGS [WALK_DIR]: sets floor, tern, grep_s, rg_s, walk (seconds).
+# rounds INPUT TERN_ARGS GREP_ARGS RG_ARGS [WALK_DIR]: sets floor, tern, grep_s, rg_s, walk
+# (seconds); INPUT is what the tools read, warmed before each of them.
 rounds() {
-  local tern_args=$1 grep_args=$2 rg_args=$3 walk_dir=${4:-} floors=() terns=() greps=() rgs=() walks=()
+  local input=$1 tern_args=$2 grep_args=$3 rg_args=$4 walk_dir=${5:-}
+  local floors=() terns=() greps=() rgs=() walks=()
   for _ in 1 2 3 4 5; do
     timed "$wine" "$exe" --help >/dev/null
     floors+=("$(timed "$wine" "$exe" --help)")
+    warm "$input"
     # shellcheck disable=SC2086
     terns+=("$(timed "$wine" "$exe" $tern_args)")
+    warm "$input"
     # shellcheck disable=SC2086
     greps+=("$(timed grep $grep_args)")
-    # shellcheck disable=SC2086
-    [ "$have_rg" = 1 ] && rgs+=("$(timed rg -F -j1 --no-mmap $rg_args)")
+    if [ "$have_rg" = 1 ]; then
+      warm "$input"
+      # shellcheck disable=SC2086
+      rgs+=("$(timed rg -F -j1 --no-mmap $rg_args)")
+    fi
     if [ -n "$walk_dir" ]; then
       timed "$wine" "$exe" --help >/dev/null
+      warm "$input"
       walks+=("$(timed "$wine" "$walker" "$walk_dir")")
     fi
   done
@@ -118,7 +130,7 @@ for kind in rare common; do
   [ $kind = common ] && term=$common
   for flags in "-c" "-n" "-i -n" "-w -c"; do
     # shellcheck disable=SC2086
-    rounds "$flags $term corpus.txt" "-F $flags $term corpus.txt" "$flags $term corpus.txt"
+    rounds corpus.txt "$flags $term corpus.txt" "-F $flags $term corpus.txt" "$flags $term corpus.txt"
     net=$(awk -v t="$tern" -v f="$floor" 'BEGIN { print t - f }')
     printf '%-16s %7.3f %10.3f %7.3f %7s %16s %14s\n' "$flags $kind" "$floor" "$tern" "$grep_s" \
       "$([ "$have_rg" = 1 ] && printf '%.3f' "$rg_s" || echo -)" "$(ratio "$net" "$grep_s")" \
@@ -132,7 +144,7 @@ for kind in rare common; do
   term=$rare
   [ $kind = common ] && term=$common
   if [ -f "$walker" ]; then walk_dir=tree; else walk_dir=""; fi
-  rounds "-r -n $term tree" "-r -F -n $term tree" "-n $term tree" "$walk_dir"
+  rounds tree "-r -n $term tree" "-r -F -n $term tree" "-n $term tree" "$walk_dir"
   net=$(awk -v t="$tern" -v f="$floor" 'BEGIN { print t - f }')
   printf '%-28s %7.3f %7s %10.3f %7.3f %7s %15s %14s\n' "-r -n $kind (20,000 files)" "$floor" \
     "$([ -n "$walk_dir" ] && printf '%.3f' "$walk" || echo -)" "$tern" "$grep_s" \
